@@ -1,0 +1,139 @@
+// host.hpp - C++ API of Tessel's host runtime (libzuhost.so).
+//
+// The host runtime implements every operation of zu.h and loads libtessel.so
+// to call its entry points by Zu name, as the Zu interpreter would:
+//
+//   std::vector<zu::Value> args;
+//   args.push_back(zu::Value::matrix(1, 100, y));      // data, row-major
+//   args.push_back(zu::Value::matrix(2, 1, {1.0, 1.0}));  // SysMat
+//   args.push_back(zu::Value::matrix(2, 2, {1, 0, 0, 1}));  // VarMat
+//   zu::Value store = zu::call("KalmanFil", args);
+//
+// Host errors (failed checks, ZuRunError, ZuRunErrorMessage) surface as
+// zu::Error. The runtime keeps global state (message sink, random generator,
+// allocation accounting) and is not thread-safe, like the interpreter.
+#ifndef TESSEL_HOST_HPP
+#define TESSEL_HOST_HPP
+
+#include <cstdint>
+#include <functional>
+#include <initializer_list>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tessel/zu.h"
+
+#define ZU_HOST_API __attribute__((visibility("default")))
+
+namespace zu {
+
+// Error numbers used by the host; entry points may raise others via ZuRunError.
+enum ErrorNumber : int {
+    kErrorMessage = 1,  // ZuRunErrorMessage: the text is the library's own
+    kErrorType = 2,     // ZuLibCheckType failed
+    kErrorSize = 3,     // ZuLibCheckMatrixSize failed
+    kErrorMemory = 4,   // out of memory (ZuRunError(4, ...))
+};
+
+// A host run-time error: its number and its text.
+class ZU_HOST_API Error : public std::runtime_error {
+public:
+    Error(int number, const std::string &text);
+    int number() const noexcept { return number_; }
+
+private:
+    int number_;
+};
+
+// An owning host value. It has exactly the layout of ZuValue, so a
+// std::vector<Value> is the argument array an entry point receives. A
+// matrix value owns its storage; a reference points at another Value (not
+// owned: the target must outlive the reference).
+class ZU_HOST_API Value {
+public:
+    Value() noexcept;  // holds nothing (ZU_NONE)
+    ~Value();
+    Value(const Value &other);             // deep copy (a reference copies its target pointer)
+    Value &operator=(const Value &other);
+    Value(Value &&other) noexcept;
+    Value &operator=(Value &&other) noexcept;
+
+    static Value integer(int v);
+    static Value real(double v);
+    // rows x cols matrix, zero-filled. Throws zu::Error(4) when the storage
+    // cannot be allocated, zu::Error(3) for negative sizes.
+    static Value matrix(int rows, int cols);
+    // rows x cols matrix from row-major values (size must be rows * cols).
+    static Value matrix(int rows, int cols, const std::vector<double> &rowmajor);
+    static Value matrix(int rows, int cols, std::initializer_list<double> rowmajor);
+    static Value empty();  // the empty matrix <> (0 x 0)
+    static Value ref(Value &target);
+
+    int type() const noexcept { return v_.type; }
+    bool is_none() const noexcept { return v_.type == ZU_NONE; }
+    int as_int() const;         // throws zu::Error unless ZU_INT
+    double as_double() const;   // ZU_DOUBLE or ZU_INT
+    int rows() const;           // throws unless ZU_MATRIX
+    int cols() const;
+    double **data() const;      // row pointers of a matrix (null when empty)
+    double at(int r, int c) const;        // bounds-checked element
+    double &at(int r, int c);
+    std::vector<double> to_vector() const;  // row-major copy of a matrix
+    Value &target() const;       // referenced value; throws unless ZU_REF
+
+    ZuValue *raw() noexcept { return &v_; }
+    const ZuValue *raw() const noexcept { return &v_; }
+    void reset() noexcept;  // frees what the value owns (ZuFreeByValue)
+
+private:
+    ZuValue v_;
+};
+
+// ---- messages ----
+using MessageSink = std::function<void(const char *text)>;
+// Sets where ZuRunMessage texts go (null restores the default: stderr, one
+// line per message). Returns the previous sink.
+ZU_HOST_API MessageSink set_message_sink(MessageSink sink);
+
+// ---- random numbers ----
+// Reseeds the host generator (xoshiro256** seeded through splitmix64).
+ZU_HOST_API void set_seed(std::uint64_t seed);
+
+// ---- allocation accounting and failure injection ----
+struct LiveCounts {
+    long blocks = 0;  // matrix blocks: MatAllocBlock and matrix values
+    long tables = 0;  // TabAllocPlain tables
+    long total() const { return blocks + tables; }
+};
+ZU_HOST_API LiveCounts live_allocations();
+// Number of host allocations attempted since the process started.
+ZU_HOST_API long allocation_attempts();
+// The k-th host allocation from now (k >= 1) fails and returns null; every
+// later one succeeds again. k = 0 switches injection off.
+ZU_HOST_API void fail_allocation(long k);
+// True once the injected failure has been delivered (and injection is off).
+ZU_HOST_API bool injected_failure_delivered();
+
+// ---- loading and calling ----
+// Path of libtessel.so in use: $TESSEL_LIBRARY if set, else libtessel.so in
+// the directory of libzuhost.so.
+ZU_HOST_API std::string library_path();
+// Opens the library (once; later calls are no-ops). Throws zu::Error when it
+// cannot be loaded.
+ZU_HOST_API void load_library();
+// The entry point Fn<name>, or null when the library does not export it.
+ZU_HOST_API ZuEntryPoint find_entry_point(const std::string &name);
+// Calls Fn<name>(rtn, args.data(), args.size()) and returns rtn (ZU_NONE if
+// the entry point set nothing). Arguments may be converted and references
+// written in place. Throws zu::Error for host errors and for an unknown name.
+ZU_HOST_API Value call(const std::string &name, std::vector<Value> &args);
+// Same, for a plain argument array owned by the caller.
+ZU_HOST_API Value call(const std::string &name, ZuValue *args, int nargs);
+// The Zu name of the entry point being called (empty outside a call); used
+// in the texts of argument-check errors.
+ZU_HOST_API const std::string &current_function();
+
+}  // namespace zu
+
+#endif  // TESSEL_HOST_HPP
