@@ -1,0 +1,311 @@
+"""Low-level access to the library: call an entry point by name.
+
+Every Zu statement translates line by line::
+
+    ll, s2 = tessel.Ref(), tessel.Ref()
+    ok = tessel.call("LgmLik", ll, s2, y, sys, var)   # ok == 1; ll.value, s2.value
+    store = tessel.call("KalmanFil", y, sys, var, init)
+
+Arguments are converted to host values here (with messages that name the
+argument) and handed to the compiled module ``_tessel``, which copies them
+into host storage. Nothing the caller passes is ever written to.
+"""
+
+import contextlib
+import sys
+import threading
+import warnings
+
+import numpy as np
+
+try:
+    import _tessel
+except ImportError as exc:  # pragma: no cover - depends on the installation
+    raise ImportError(
+        "the Tessel extension is not built: run scripts/setup.sh "
+        f"(importing the compiled module _tessel failed: {exc})"
+    ) from exc
+
+__all__ = [
+    "EMPTY",
+    "Ref",
+    "ZuError",
+    "ZuMessage",
+    "call",
+    "capture_messages",
+    "set_seed",
+    "version",
+]
+
+_INT_MIN = -(2**31)
+_INT_MAX = 2**31 - 1
+_SEED_LIMIT = 2**64
+
+
+class ZuError(RuntimeError):
+    """A run-time error raised by the host or the library.
+
+    ``number`` is the host error number (1: the library's own message,
+    2: argument type, 3: matrix size, 4: out of memory); ``str(err)`` is the
+    text exactly as the library or host produced it.
+    """
+
+    def __init__(self, number, text):
+        super().__init__(text)
+        self.number = number
+
+    def __reduce__(self):
+        return (type(self), (self.number, str(self)))
+
+
+class ZuMessage(UserWarning):
+    """Category of the warnings that carry the library's messages."""
+
+
+class _Empty:
+    """The empty matrix ``<>`` of the host (0 x 0)."""
+
+    __slots__ = ()
+    shape = (0, 0)
+
+    def __repr__(self):
+        return "tessel.EMPTY"
+
+    def __reduce__(self):
+        return "EMPTY"
+
+    def __array__(self, dtype=None):
+        return np.empty((0, 0), dtype=np.float64 if dtype is None else dtype)
+
+
+EMPTY = _Empty()
+
+
+class Ref:
+    """A variable passed by reference to an entry point.
+
+    ``value`` is passed in (converted like any argument; ``None`` means the
+    variable holds nothing) and, after the call, replaced by what the entry
+    point left in the variable: an ``int``, a ``float``, a new 2-D float64
+    ``ndarray`` or ``None``. Passing the same Ref twice passes one variable.
+    When the call raises, ``value`` is left unchanged.
+    """
+
+    __slots__ = ("value",)
+
+    def __init__(self, value=None):
+        self.value = value
+
+    def __repr__(self):
+        return f"Ref({self.value!r})"
+
+
+# ---------------------------------------------------------------- messages
+
+_local = threading.local()
+
+
+def _capture_stack():
+    stack = getattr(_local, "stack", None)
+    if stack is None:
+        stack = _local.stack = []
+    return stack
+
+
+def _stacklevel():
+    """Stack level of the first frame outside this package (for warnings)."""
+    level, frame = 1, sys._getframe(1)
+    while frame is not None:
+        module = frame.f_globals.get("__name__", "")
+        if module != "tessel" and not module.startswith("tessel."):
+            return level
+        frame, level = frame.f_back, level + 1
+    return level
+
+
+def _deliver(text):
+    # Called by the host, with the GIL held, for every message line.
+    stack = _capture_stack()
+    if stack:
+        stack[-1].append(text)
+    else:
+        warnings.warn(text, ZuMessage, stacklevel=_stacklevel())
+
+
+@contextlib.contextmanager
+def capture_messages():
+    """Collect the library's messages instead of warning.
+
+    ``with tessel.capture_messages() as msgs:`` makes ``msgs`` a list that
+    receives each message text (``str``, exactly as the library passed it)
+    in order. Captures nest (the innermost one receives) and are per thread;
+    the previous behaviour is restored on exit, also after an exception.
+    """
+    msgs = []
+    stack = _capture_stack()
+    stack.append(msgs)
+    try:
+        yield msgs
+    finally:
+        for i in range(len(stack) - 1, -1, -1):
+            if stack[i] is msgs:
+                del stack[i]
+                break
+
+
+_tessel.set_message_handler(_deliver)
+_tessel.set_error_class(ZuError)
+
+
+# -------------------------------------------------------------- conversion
+
+_ACCEPTED = "an int, a float, a 2-D array of numbers, tessel.EMPTY or a tessel.Ref"
+
+
+def _int_value(x, where):
+    v = int(x)
+    if not _INT_MIN <= v <= _INT_MAX:
+        raise OverflowError(
+            f"{where}: integer {v} does not fit in a C int [{_INT_MIN}, {_INT_MAX}]"
+        )
+    return v
+
+
+def _host_value(x, where, in_ref):
+    """One argument (or Ref value) -> int, float, 2-D float64 array or None."""
+    if x is EMPTY:
+        return np.empty((0, 0))
+    if isinstance(x, Ref):
+        raise TypeError(f"{where}: a Ref cannot hold another Ref")
+    if x is None:
+        if in_ref:
+            return None
+        raise TypeError(
+            f"{where}: None is accepted only as the value of a tessel.Ref "
+            "(pass tessel.EMPTY for the empty matrix)"
+        )
+    if isinstance(x, (bool, np.bool_)):
+        raise TypeError(f"{where}: bool is not accepted (pass 1 or 0 as an int)")
+    if isinstance(x, (int, np.integer)):
+        return _int_value(x, where)
+    if isinstance(x, (float, np.floating)):
+        return float(x)
+    if isinstance(x, (str, bytes, bytearray, dict, set, frozenset, complex, np.complexfloating)):
+        raise TypeError(f"{where}: {type(x).__name__} is not accepted; expected {_ACCEPTED}")
+
+    if isinstance(x, np.ma.MaskedArray):
+        # Masked elements are missing observations: NaN for the library.
+        if x.dtype.kind in "iuf":
+            x = x.astype(np.float64).filled(np.nan)
+    try:
+        arr = np.asarray(x)
+    except (ValueError, TypeError) as exc:
+        raise TypeError(f"{where}: cannot be read as a matrix ({exc})") from None
+    kind = arr.dtype.kind
+    if kind not in "iuf":
+        what = "booleans" if kind == "b" else f"dtype {arr.dtype}"
+        raise TypeError(
+            f"{where}: {type(x).__name__} of {what} is not accepted; expected {_ACCEPTED}"
+        )
+    if arr.ndim == 0:
+        return _int_value(arr, where) if kind in "iu" else float(arr)
+    if arr.ndim != 2:
+        raise TypeError(
+            f"{where}: {arr.ndim}-D array of shape {arr.shape} is not accepted; "
+            "matrices must be 2-D (for one row use x.reshape(1, -1))"
+        )
+    rows, cols = arr.shape
+    if rows > _INT_MAX or cols > _INT_MAX:
+        raise ValueError(
+            f"{where}: shape {arr.shape} does not fit in a host matrix "
+            f"(at most {_INT_MAX} rows and columns)"
+        )
+    # C-contiguous float64; the compiled module copies it into host storage.
+    return np.ascontiguousarray(arr, dtype=np.float64)
+
+
+def call(name, *args):
+    """Call the entry point ``Fn<name>`` of the library.
+
+    Arguments: ``int`` (C int range) -> integer; ``float`` -> double; 2-D
+    array-like of numbers -> matrix (copied as float64); ``tessel.EMPTY`` or
+    any 0 x 0 array -> the empty matrix; ``tessel.Ref`` -> reference (see
+    :class:`Ref`). numpy scalars count as ``int``/``float``; ``bool``, 1-D and
+    3-D arrays, strings and other objects raise ``TypeError`` naming the
+    argument. Returns an ``int``, ``float``, a 2-D float64 ``ndarray`` or
+    ``None`` (nothing returned). Host errors raise :class:`ZuError`; messages
+    become :class:`ZuMessage` warnings (see :func:`capture_messages`).
+    """
+    if not isinstance(name, str):
+        raise TypeError(f"tessel.call: the entry point name must be a str, not {type(name).__name__}")
+    values, targets, slots, refs = [], [], [], {}
+    for pos, arg in enumerate(args, 1):
+        if isinstance(arg, Ref):
+            slot = refs.get(id(arg))
+            if slot is None:
+                where = f"tessel.call({name!r}): argument {pos} (Ref value)"
+                slot = refs[id(arg)] = len(targets)
+                targets.append(_host_value(arg.value, where, in_ref=True))
+            values.append(None)
+            slots.append(slot)
+        else:
+            where = f"tessel.call({name!r}): argument {pos}"
+            values.append(_host_value(arg, where, in_ref=False))
+            slots.append(-1)
+    result, written = _tessel.call(name, values, targets, slots)
+    for arg, slot in zip(args, slots):
+        if slot >= 0:
+            arg.value = written[slot]
+    return result
+
+
+def version():
+    """Version of the loaded library as a string, e.g. ``"3.00"``.
+
+    It is ``LgmVersion`` (version times 100) written with two decimals.
+    """
+    v = call("LgmVersion")
+    return f"{v // 100}.{v % 100:02d}"
+
+
+def set_seed(n):
+    """Reseed the host's random generator with ``n`` (0 <= n < 2**64).
+
+    The same seed reproduces the same draws on every machine.
+    """
+    if isinstance(n, (bool, np.bool_)) or not isinstance(n, (int, np.integer)):
+        raise TypeError(f"tessel.set_seed: the seed must be an int, not {type(n).__name__}")
+    n = int(n)
+    if not 0 <= n < _SEED_LIMIT:
+        raise ValueError(f"tessel.set_seed: the seed must be in [0, 2**64), not {n}")
+    _tessel.set_seed(n)
+
+
+# ------------------------------------------------- host accounting (tests)
+
+
+def _live_allocations():
+    """(blocks, tables) the host currently holds."""
+    return _tessel.live_allocations()
+
+
+def _allocation_attempts():
+    """Host allocations attempted since the process started."""
+    return _tessel.allocation_attempts()
+
+
+def _fail_allocation(k):
+    """Make the k-th host allocation from now fail (k >= 1); 0 switches it off."""
+    if isinstance(k, bool) or not isinstance(k, (int, np.integer)) or k < 0:
+        raise ValueError(f"tessel._fail_allocation: k must be an int >= 0, not {k!r}")
+    _tessel.fail_allocation(int(k))
+
+
+def _injected_failure_delivered():
+    """True once the failure set by _fail_allocation has happened."""
+    return _tessel.injected_failure_delivered()
+
+
+def _library_path():
+    """Path of the library file the host loads."""
+    return _tessel.library_path()
