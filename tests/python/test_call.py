@@ -1,0 +1,496 @@
+"""tessel.call: conversions each way, references, errors, messages and host
+accounting.
+
+Round trips of values use ``LgmVersion``, which ignores its arguments: a Ref
+passed to it goes into a host variable and comes back unchanged, so what
+comes out is exactly what the conversion put in (exact comparisons). The
+types the host actually received are read from its own type-check errors
+(``LgmWarning`` wants an integer). Numerical paths go through
+``LgmRecursion`` (oracle: the model equations stepped in numpy) and
+``LgmLik``/``KalmanFil`` (oracle: the joint Gaussian of a local level model,
+conftest.LocalLevel).
+"""
+
+import pickle
+import threading
+import warnings
+
+import numpy as np
+import pytest
+
+import tessel
+
+INT_MAX = 2**31 - 1
+INT_MIN = -(2**31)
+
+
+def echo(value):
+    """value -> host variable -> Python, through a reference."""
+    r = tessel.Ref(value)
+    assert tessel.call("LgmVersion", r) == 300
+    return r.value
+
+
+# ------------------------------------------------------------------ model
+
+# m = 2 states, N = 1 series, with intercepts and a correlated initial draw.
+T = np.array([[0.9, 0.2], [0.0, 0.5]])
+Z = np.array([[1.0, -0.7]])
+SYS = np.vstack([T, Z])
+VAR = np.diag([0.3, 0.2, 1.0])
+INIT = np.array([[1.0, 0.0], [0.3, 2.0], [0.5, -1.0]])  # P factor over mean a
+MEAN = np.array([[0.1], [-0.2], [0.3]])
+
+
+def recursion_oracle(u):
+    """States over observations as LgmRecursion lays them out: column 0 is
+    (a + P u0; 0), column t+1 is (alpha(t+1); y(t))."""
+    m = T.shape[0]
+    out = np.zeros(u.shape)
+    s = INIT[m] + INIT[:m] @ u[:m, 0]
+    out[:m, 0] = s
+    for t in range(u.shape[1] - 1):
+        out[m:, t + 1] = MEAN[m:, 0] + Z @ s + u[m:, t + 1]
+        s = MEAN[:m, 0] + T @ s + u[:m, t + 1]
+        out[:m, t + 1] = s
+    return out
+
+
+def recursion(u):
+    return tessel.call("LgmRecursion", u, SYS, VAR, INIT, MEAN)
+
+
+@pytest.fixture
+def disturbances():
+    return np.random.default_rng(7).normal(size=(3, 9))
+
+
+# ----------------------------------------------------------------- scalars
+
+
+class TestScalars:
+    @pytest.mark.parametrize("value", [7, -7, 0, INT_MAX, INT_MIN, np.int8(-7), np.uint16(65535),
+                                       np.int64(INT_MIN), np.array(12)])
+    def test_integers_round_trip_as_int(self, value):
+        out = echo(value)
+        assert type(out) is int and out == int(value)
+
+    @pytest.mark.parametrize("value", [0.1, -0.0, 1e-300, 5e-324, -1.7976931348623157e308,
+                                       np.inf, np.float32(0.1), np.float16(-2.5), np.array(0.25)])
+    def test_floats_round_trip_bit_for_bit(self, value):
+        out = echo(value)
+        assert type(out) is float
+        assert np.float64(out).tobytes() == np.float64(value).tobytes()
+
+    def test_nan_round_trips(self):
+        out = echo(float("nan"))
+        assert type(out) is float and np.isnan(out)
+
+    @pytest.mark.parametrize("value", [1, np.int32(1), np.uint8(1), np.array(1, dtype=np.int16)])
+    def test_integers_reach_the_host_as_integers(self, value):
+        # LgmWarning type-checks its argument as an integer.
+        assert tessel.call("LgmWarning", value) is None
+
+    @pytest.mark.parametrize("value, found", [
+        (2.5, "double that is not an integer"),
+        (np.float32(2.5), "double that is not an integer"),
+        (np.ones((2, 3)), "matrix"),
+        (np.ones((2, 3), dtype=np.int64), "matrix"),
+        (tessel.EMPTY, "matrix"),
+        (np.zeros((0, 0)), "matrix"),
+        (tessel.Ref(1), "reference"),
+    ])
+    def test_host_sees_the_converted_type(self, value, found):
+        with pytest.raises(tessel.ZuError) as err:
+            tessel.call("LgmWarning", value)
+        assert err.value.number == 2
+        assert str(err.value) == f"LgmWarning(): argument 1: expected integer, found {found}"
+
+    def test_integer_value_reaches_the_library(self, local_level):
+        # The message switch reads the integer: 0 and negatives silence the
+        # failing likelihood's message, 1 and more bring it back.
+        zero_var = np.zeros((2, 2))
+        no_init = np.array([[0.0], [0.0]])
+        for flag, expect in [(np.int16(0), 0), (-3, 0), (np.uint8(1), 1), (0, 0), (INT_MAX, 1)]:
+            tessel.call("LgmWarning", flag)
+            with tessel.capture_messages() as msgs:
+                ok = tessel.call("LgmLik", tessel.Ref(), tessel.Ref(), local_level.y,
+                                 local_level.sys, zero_var, no_init)
+            assert ok == 0
+            assert len(msgs) == expect, f"flag {flag!r}"
+
+
+# ---------------------------------------------------------------- matrices
+
+
+class TestMatrices:
+    BASE = np.arange(1.0, 13.0).reshape(3, 4) / 8.0
+
+    @pytest.mark.parametrize("make", [
+        lambda b: b,
+        lambda b: np.asfortranarray(b),
+        lambda b: b.astype(np.float32),
+        lambda b: (b * 8).astype(np.int8),
+        lambda b: (b * 8).astype(np.uint64),
+        lambda b: (b * 8).astype(np.int32).T.copy().T,
+        lambda b: b.tolist(),
+        lambda b: tuple(map(tuple, b)),
+    ], ids=["c", "fortran", "float32", "int8", "uint64", "int32-fortran", "list", "tuple"])
+    def test_values_and_layout_survive(self, make):
+        src = make(self.BASE)
+        out = echo(src)
+        assert out.dtype == np.float64 and out.shape == (3, 4) and out.flags.c_contiguous
+        np.testing.assert_array_equal(out, np.asarray(src, dtype=np.float64))
+
+    def test_non_contiguous_views(self):
+        big = np.arange(80.0).reshape(8, 10)
+        for view in (big[::2, 1::3], big[1:4, 2:7], big.T[::3], big[::-1, ::-2]):
+            out = echo(view)
+            np.testing.assert_array_equal(out, view)
+        np.testing.assert_array_equal(big, np.arange(80.0).reshape(8, 10))
+
+    def test_special_values_and_masked_elements(self):
+        src = np.array([[np.nan, np.inf, -np.inf], [-0.0, 5e-324, 1e308]])
+        out = echo(src)
+        assert out.tobytes() == src.tobytes()
+        masked = np.ma.masked_array([[1, 2, 3]], mask=[[False, True, False]])
+        np.testing.assert_array_equal(echo(masked), [[1.0, np.nan, 3.0]])
+
+    @pytest.mark.parametrize("shape", [(0, 0), (4, 0), (0, 3)])
+    def test_shapes_without_elements(self, shape):
+        out = echo(np.zeros(shape, dtype=np.int32))
+        assert out.shape == shape and out.dtype == np.float64
+
+    def test_empty(self):
+        assert echo(tessel.EMPTY).shape == (0, 0)
+        assert np.asarray(tessel.EMPTY).shape == (0, 0)
+        assert repr(tessel.EMPTY) == "tessel.EMPTY"
+
+    def test_output_is_a_new_writable_array(self):
+        src = self.BASE.copy()
+        src.flags.writeable = False
+        out = echo(src)
+        assert not np.shares_memory(out, src) and out.flags.writeable
+        out[:] = -1
+        np.testing.assert_array_equal(src, self.BASE)
+
+    def test_recursion_matches_the_model_equations(self, disturbances):
+        out = recursion(disturbances)
+        assert out.shape == disturbances.shape and out.dtype == np.float64
+        # A few dozen multiply-adds of O(1) numbers: agreement to rounding.
+        np.testing.assert_allclose(out, recursion_oracle(disturbances), rtol=1e-12, atol=1e-12)
+
+    def test_every_input_layout_gives_identical_results(self, disturbances):
+        # The host receives the same doubles whatever the layout or dtype, so
+        # the results must be bit-identical.
+        u = np.round(disturbances * 4)
+        want = recursion(u)
+        big = np.zeros((6, 18))
+        big[::2, ::2] = u
+        for variant in (np.asfortranarray(u), u.astype(np.int16), big[::2, ::2], u.tolist(),
+                        u.T.copy().T):
+            np.testing.assert_array_equal(recursion(variant), want)
+        sys_f = np.asfortranarray(SYS)
+        init_view = np.vstack([INIT, np.zeros((1, 2))])[:3]
+        np.testing.assert_array_equal(
+            tessel.call("LgmRecursion", u, sys_f, VAR.astype(np.float32), init_view, MEAN.T.T), want)
+
+    def test_kalman_filter_store_orientation(self, local_level):
+        store = tessel.call("KalmanFil", local_level.y, local_level.sys, local_level.var,
+                            local_level.init)
+        n = local_level.y.shape[1]
+        assert isinstance(store, np.ndarray) and store.dtype == np.float64
+        assert store.shape == (3, n)  # m + 2 rows for one series, one column per time
+        v, f = local_level.innovations()
+        # Row 0: innovations; last row: 1 / F. Dense solves of a 12 x 12
+        # well-conditioned covariance: agreement to about 1e-12.
+        np.testing.assert_allclose(store[0], v, rtol=1e-10, atol=1e-12)
+        np.testing.assert_allclose(store[2], 1.0 / f, rtol=1e-10)
+
+
+# -------------------------------------------------------------- references
+
+
+class TestReferences:
+    def test_likelihood_written_through_references(self, local_level):
+        ll, s2 = tessel.Ref(), tessel.Ref()
+        ok = tessel.call("LgmLik", ll, s2, local_level.y, local_level.sys, local_level.var,
+                         local_level.init)
+        want_ll, want_s2 = local_level.loglik()
+        assert ok == 1 and type(ok) is int
+        assert type(ll.value) is float and type(s2.value) is float
+        # Dense log-determinant and solve against the recursion: 1e-10 relative.
+        assert ll.value == pytest.approx(want_ll, rel=1e-10)
+        assert s2.value == pytest.approx(want_s2, rel=1e-10)
+
+    def test_missing_values_from_nan_and_masks(self, local_level):
+        y = local_level.y.copy()
+        y[0, [2, 7]] = np.nan
+        local_level.y = y
+        want_ll, _ = local_level.loglik()
+        masked = np.ma.masked_invalid(y)
+        for data in (y, masked):
+            ll = tessel.Ref()
+            assert tessel.call("LgmLik", ll, tessel.Ref(), data, local_level.sys,
+                               local_level.var, local_level.init) == 1
+            assert ll.value == pytest.approx(want_ll, rel=1e-10)
+
+    def test_caller_arrays_are_never_written(self, local_level):
+        args = [local_level.y, local_level.sys, local_level.var, local_level.init]
+        before = [a.copy() for a in args]
+        held = np.array([[5.0, 6.0]])
+        ll, s2 = tessel.Ref(held), tessel.Ref(np.float64(3.0))
+        assert tessel.call("LgmLik", ll, s2, *args) == 1
+        for a, b in zip(args, before):
+            np.testing.assert_array_equal(a, b)
+        np.testing.assert_array_equal(held, [[5.0, 6.0]])
+        assert type(ll.value) is float and type(s2.value) is float
+
+    def test_value_replaced_by_a_new_object(self):
+        src = np.arange(6.0).reshape(2, 3)
+        r = tessel.Ref(src)
+        tessel.call("LgmVersion", r)
+        assert r.value is not src and not np.shares_memory(r.value, src)
+        np.testing.assert_array_equal(r.value, src)
+        for start, want in ((None, None), (tessel.EMPTY, (0, 0))):
+            r = tessel.Ref(start)
+            tessel.call("LgmVersion", r)
+            assert (r.value if want is None else r.value.shape) == want
+
+    def test_one_ref_passed_twice_is_one_variable(self):
+        src = np.ones((4, 5))
+        once = tessel.Ref(src)
+        before = tessel._allocation_attempts()
+        tessel.call("LgmVersion", once, once)
+        assert tessel._allocation_attempts() - before == 1
+        before = tessel._allocation_attempts()
+        tessel.call("LgmVersion", tessel.Ref(src), tessel.Ref(src))
+        assert tessel._allocation_attempts() - before == 2
+        np.testing.assert_array_equal(once.value, src)
+
+    def test_ref_left_alone_when_the_call_fails(self, local_level):
+        held = np.zeros((1, 1))
+        ll = tessel.Ref(held)
+        with pytest.raises(tessel.ZuError):
+            tessel.call("LgmLik", ll, tessel.Ref(), local_level.y, local_level.sys, np.eye(3))
+        assert ll.value is held
+
+    def test_repr(self):
+        assert repr(tessel.Ref(3)) == "Ref(3)"
+        assert tessel.Ref().value is None
+
+
+# ---------------------------------------------------------------- refusals
+
+
+class TestRefusals:
+    @pytest.mark.parametrize("bad, exc, words", [
+        (True, TypeError, "bool"),
+        (np.bool_(False), TypeError, "bool"),
+        ([1.0, 2.0], TypeError, r"1-D array of shape \(2,\)"),
+        (np.zeros(5), TypeError, r"1-D array of shape \(5,\)"),
+        (np.zeros((2, 2, 2)), TypeError, r"3-D array of shape \(2, 2, 2\)"),
+        ("1.0", TypeError, "str"),
+        (b"x", TypeError, "bytes"),
+        ({"a": 1}, TypeError, "dict"),
+        (1 + 2j, TypeError, "complex"),
+        (np.ones((2, 2), dtype=complex), TypeError, "complex128"),
+        (np.array([[1, "a"]], dtype=object), TypeError, "object"),
+        (np.ones((2, 2), dtype=bool), TypeError, "booleans"),
+        ([["a", "b"]], TypeError, "<U1"),
+        ([[1.0, 2.0], [3.0]], TypeError, "cannot be read as a matrix"),
+        (object(), TypeError, "object"),
+        (None, TypeError, "None"),
+        (2**31, OverflowError, "2147483648"),
+        (-(2**31) - 1, OverflowError, "-2147483649"),
+        (np.int64(2**40), OverflowError, str(2**40)),
+        (np.uint64(2**63), OverflowError, str(2**63)),
+        (np.broadcast_to(0.0, (2**31, 1)), ValueError, r"\(2147483648, 1\)"),
+    ])
+    def test_refused_with_position(self, bad, exc, words):
+        before = tessel._allocation_attempts()
+        with pytest.raises(exc, match=rf"'LgmVersion'\): argument 3: .*{words}"):
+            tessel.call("LgmVersion", 1, np.ones((2, 2)), bad)
+        # Refused before anything reached the host.
+        assert tessel._allocation_attempts() == before
+
+    @pytest.mark.parametrize("bad, exc", [
+        (tessel.Ref(), TypeError), (np.zeros(3), TypeError), ("x", TypeError),
+        (True, TypeError), (2**31, OverflowError),
+    ])
+    def test_ref_values_refused_with_position(self, bad, exc):
+        r = tessel.Ref(bad)
+        with pytest.raises(exc, match=r"argument 2 \(Ref value\)"):
+            tessel.call("LgmVersion", 0, r)
+        assert r.value is bad
+
+    def test_name_must_be_str(self):
+        with pytest.raises(TypeError, match="name"):
+            tessel.call(b"LgmVersion")
+
+
+# ------------------------------------------------------------------ errors
+
+
+class TestErrors:
+    def test_unknown_entry_point(self):
+        with pytest.raises(tessel.ZuError, match="FnNoSuchRoutine") as err:
+            tessel.call("NoSuchRoutine", np.ones((2, 2)))
+        assert isinstance(err.value, RuntimeError)
+        assert isinstance(err.value.number, int)
+
+    def test_missing_argument_text(self):
+        tessel.call("LgmWarning", 1)
+        with pytest.raises(tessel.ZuError) as err:
+            tessel.call("LgmWarning")
+        assert str(err.value) == "LgmWarning(): at least one argument required"
+        assert err.value.number == 1
+
+    def test_library_text_passed_unchanged(self):
+        with pytest.raises(tessel.ZuError) as err:
+            tessel.call("KalmanFil", np.ones((1, 5)), np.eye(2), np.eye(2))
+        assert str(err.value) == "\nLgm(): number of rows or columns not correct in argument 0\n"
+
+    def test_size_error_number(self, local_level):
+        with pytest.raises(tessel.ZuError) as err:
+            tessel.call("KalmanFil", local_level.y, local_level.sys, np.eye(3))
+        assert err.value.number == 3
+        assert str(err.value) == "KalmanFil(): argument 3: expected 2 x 2 matrix, found 3 x 3"
+
+    def test_pickles(self):
+        err = tessel.ZuError(4, "out of memory")
+        back = pickle.loads(pickle.dumps(err))
+        assert type(back) is tessel.ZuError and back.number == 4 and str(back) == "out of memory"
+
+
+# ---------------------------------------------------------------- messages
+
+BANNER = "\nTessel version 3.00 (September 2008)"
+
+
+class TestMessages:
+    def test_capture_in_order(self):
+        with tessel.capture_messages() as msgs:
+            assert tessel.call("LgmAbout") is None
+        assert msgs[0] == BANNER
+        assert len(msgs) == 8 and all(type(m) is str for m in msgs)
+        # Two references of three lines each, indented by four blanks.
+        assert all(m.startswith("    ") for m in msgs[2:])
+
+    def test_warnings_by_default(self):
+        with tessel.capture_messages() as captured:
+            tessel.call("LgmAbout")
+        with pytest.warns(tessel.ZuMessage) as record:
+            tessel.call("LgmAbout")
+        assert [str(w.message) for w in record] == captured
+        # Reported at the caller's line, not inside the package.
+        assert all(w.filename == __file__ for w in record)
+        assert issubclass(tessel.ZuMessage, Warning)
+
+    def test_library_message_with_result(self, local_level):
+        ll, s2 = tessel.Ref(), tessel.Ref()
+        with tessel.capture_messages() as msgs:
+            ok = tessel.call("LgmLik", ll, s2, local_level.y, local_level.sys, np.zeros((2, 2)),
+                             np.array([[0.0], [0.0]]))
+        assert ok == 0
+        assert msgs == ["LgmLik(): non-positive semi-definite innovation variance matrix"]
+        # The likelihood writes its references even when the filter fails.
+        assert type(ll.value) is float and type(s2.value) is float
+
+    def test_nesting_innermost_wins(self):
+        with tessel.capture_messages() as outer:
+            with tessel.capture_messages() as inner:
+                tessel.call("LgmAbout")
+            assert len(inner) == 8 and outer == []
+            tessel.call("LgmAbout")
+        assert outer == inner
+
+    def test_restored_after_an_exception(self):
+        with pytest.raises(tessel.ZuError):
+            with tessel.capture_messages() as msgs:
+                tessel.call("LgmAbout")
+                tessel.call("LgmWarning")
+        assert len(msgs) == 8
+        with pytest.warns(tessel.ZuMessage):
+            tessel.call("LgmAbout")
+
+    def test_warning_turned_into_error(self):
+        with warnings.catch_warnings():
+            warnings.simplefilter("error", tessel.ZuMessage)
+            with pytest.raises(tessel.ZuMessage, match="Tessel version 3.00"):
+                tessel.call("LgmAbout")
+        # The host is usable again and nothing was left behind.
+        assert tessel._live_allocations() == (0, 0)
+        with tessel.capture_messages() as msgs:
+            tessel.call("LgmAbout")
+        assert len(msgs) == 8
+
+    def test_capture_belongs_to_its_thread(self):
+        seen = {}
+
+        def worker():
+            with tessel.capture_messages() as mine:
+                tessel.call("LgmAbout")
+            seen["worker"] = mine
+
+        with tessel.capture_messages() as main:
+            t = threading.Thread(target=worker)
+            t.start()
+            t.join()
+        assert main == [] and len(seen["worker"]) == 8
+
+
+# --------------------------------------------------- version, seed, host
+
+
+class TestHostFunctions:
+    def test_version(self):
+        v = tessel.call("LgmVersion")
+        assert v == 300 and type(v) is int
+        assert tessel.version() == "3.00"
+        assert tessel.__version__ == "3.0.0"
+
+    @pytest.mark.parametrize("seed", [0, 1, 2**64 - 1, np.uint64(2**64 - 1)])
+    def test_seed_accepted(self, seed):
+        tessel.set_seed(seed)
+
+    @pytest.mark.parametrize("seed, exc", [(-1, ValueError), (2**64, ValueError), (True, TypeError),
+                                           (1.0, TypeError), ("1", TypeError)])
+    def test_seed_refused(self, seed, exc):
+        with pytest.raises(exc, match="seed"):
+            tessel.set_seed(seed)
+
+    def test_library_path(self):
+        import os
+        path = tessel._library_path()
+        assert os.path.isfile(path) and os.path.basename(path).startswith("libtessel")
+        if os.environ.get("TESSEL_LIBRARY"):
+            assert path == os.environ["TESSEL_LIBRARY"]
+
+    def test_allocation_failure_at_every_step(self, disturbances):
+        # Fail each host allocation of one call in turn: conversion of the
+        # arguments and the library's own work. Each gives the memory error
+        # and leaves nothing live; one step past the last, the call succeeds.
+        want = recursion(disturbances)
+        before = tessel._allocation_attempts()
+        recursion(disturbances)
+        steps = tessel._allocation_attempts() - before
+        assert steps >= 4  # at least the four matrix arguments
+        for k in range(1, steps + 1):
+            tessel._fail_allocation(k)
+            with pytest.raises(tessel.ZuError) as err:
+                recursion(disturbances)
+            assert err.value.number == 4, f"step {k}"
+            assert tessel._injected_failure_delivered()
+            assert tessel._live_allocations() == (0, 0), f"step {k}"
+        tessel._fail_allocation(steps + 1)
+        np.testing.assert_array_equal(recursion(disturbances), want)
+        assert not tessel._injected_failure_delivered()
+
+    def test_no_host_values_live_between_calls(self, local_level):
+        assert tessel._live_allocations() == (0, 0)
+        tessel.call("KalmanFil", local_level.y, local_level.sys, local_level.var)
+        assert tessel._live_allocations() == (0, 0)
+        with pytest.raises(tessel.ZuError):
+            tessel.call("KalmanFil", local_level.y, local_level.sys, np.eye(3))
+        assert tessel._live_allocations() == (0, 0)
