@@ -11,7 +11,10 @@ types the host actually received are read from its own type-check errors
 conftest.LocalLevel).
 """
 
+import os
 import pickle
+import subprocess
+import sys
 import threading
 import warnings
 
@@ -275,6 +278,40 @@ class TestReferences:
             tessel.call("LgmLik", ll, tessel.Ref(), local_level.y, local_level.sys, np.eye(3))
         assert ll.value is held
 
+    def test_builder_replaces_values_not_caller_arrays(self):
+        # Adding one regressor in front of a local level model (T = Z = 1,
+        # variances a and b, initial variance p and mean a0) gives, by the
+        # builder's definition, T = I, Z = (0, 1) with Z[0] from TvData row 0,
+        # VarMat = diag(0, a, b), initial variances (-1 = diffuse, p) and mean
+        # (0, a0).
+        a, b, p, a0 = 0.3, 0.7, 2.0, 0.5
+        sys_, var, init = np.array([[1.0], [1.0]]), np.diag([a, b]), np.array([[p], [a0]])
+        kept = [sys_.copy(), var.copy(), init.copy()]
+        refs = [tessel.Ref(sys_), tessel.Ref(var), tessel.Ref(init), tessel.Ref(tessel.EMPTY)]
+        x = np.arange(5.0).reshape(1, 5)
+        assert tessel.call("AddLgmReg", x, *refs) is None
+        np.testing.assert_array_equal(refs[0].value, [[1, 0], [0, 1], [0, 1]])
+        np.testing.assert_array_equal(refs[1].value, np.diag([0, a, b]))
+        np.testing.assert_array_equal(refs[2].value, [[-1, 0], [0, p], [0, a0]])
+        np.testing.assert_array_equal(refs[3].value, [[-1, -1], [-1, -1], [0, -1]])
+        for arr, copy in zip((sys_, var, init), kept):
+            np.testing.assert_array_equal(arr, copy)
+
+    def test_matrices_written_into_references(self):
+        # Spline model: TvData column j is (d, q d, q d^2 / 2, q d^3 / 3) for
+        # the spacing d = delta_j; a handful of roundings per element.
+        q = 0.3
+        spacing = np.array([[9.0, 1.0, 9.0, 0.5, 9.0, 2.0, 9.0, 3.0]])[:, 1::2]
+        refs = [tessel.Ref() for _ in range(6)]
+        assert tessel.call("GetLgmSpline", q, spacing, *refs) == 1
+        d = spacing[0]
+        tv = refs[5].value
+        assert tv.shape == (4, 4)
+        np.testing.assert_allclose(tv, [d, q * d, q * d**2 / 2, q * d**3 / 3], rtol=1e-14)
+        np.testing.assert_array_equal(refs[0].value, [[1, 1], [0, 1], [1, 0]])
+        np.testing.assert_allclose(refs[1].value, [[q / 3, q / 2, 0], [q / 2, q, 0], [0, 0, 1]],
+                                   rtol=1e-15)
+
     def test_repr(self):
         assert repr(tessel.Ref(3)) == "Ref(3)"
         assert tessel.Ref().value is None
@@ -425,6 +462,19 @@ class TestMessages:
             tessel.call("LgmAbout")
         assert len(msgs) == 8
 
+    def test_no_calls_from_inside_a_message_handler(self):
+        # The host runs one call at a time: a nested call from a warning
+        # handler is refused, and the refusal surfaces from the outer call.
+        def show(*args, **kwargs):
+            tessel.call("LgmVersion")
+
+        with warnings.catch_warnings():
+            warnings.simplefilter("always")
+            warnings.showwarning = show
+            with pytest.raises(RuntimeError, match="already running a call"):
+                tessel.call("LgmAbout")
+        assert tessel.call("LgmVersion") == 300
+
     def test_capture_belongs_to_its_thread(self):
         seen = {}
 
@@ -451,8 +501,19 @@ class TestHostFunctions:
         assert tessel.__version__ == "3.0.0"
 
     @pytest.mark.parametrize("seed", [0, 1, 2**64 - 1, np.uint64(2**64 - 1)])
-    def test_seed_accepted(self, seed):
+    def test_seed_reproduces_draws(self, seed, local_level):
+        def draw():
+            return tessel.call("LgmCondDens", 2, local_level.y, local_level.sys, local_level.var,
+                               local_level.init)
+
         tessel.set_seed(seed)
+        first = draw()
+        second = draw()
+        tessel.set_seed(seed)
+        np.testing.assert_array_equal(draw(), first)
+        assert not np.array_equal(first, second)
+        tessel.set_seed((int(seed) + 1) % 2**64)
+        assert not np.array_equal(draw(), first)
 
     @pytest.mark.parametrize("seed, exc", [(-1, ValueError), (2**64, ValueError), (True, TypeError),
                                            (1.0, TypeError), ("1", TypeError)])
@@ -461,7 +522,6 @@ class TestHostFunctions:
             tessel.set_seed(seed)
 
     def test_library_path(self):
-        import os
         path = tessel._library_path()
         assert os.path.isfile(path) and os.path.basename(path).startswith("libtessel")
         if os.environ.get("TESSEL_LIBRARY"):
@@ -494,3 +554,12 @@ class TestHostFunctions:
         with pytest.raises(tessel.ZuError):
             tessel.call("KalmanFil", local_level.y, local_level.sys, np.eye(3))
         assert tessel._live_allocations() == (0, 0)
+
+
+def test_missing_extension_is_explained():
+    code = "import sys; sys.modules['_tessel'] = None; import tessel"
+    env = dict(os.environ, PYTHONPATH=os.pathsep.join(sys.path))
+    run = subprocess.run([sys.executable, "-c", code], capture_output=True, text=True, env=env,
+                         timeout=60)
+    assert run.returncode != 0
+    assert "ImportError: the Tessel extension is not built: run scripts/setup.sh" in run.stderr
