@@ -1,0 +1,330 @@
+// algebra.cpp - dense matrix algebra on row-pointer matrices, written for the
+// small matrices of the filtering recursions: no allocation on the usual
+// sizes, no per-call setup, symmetric results computed once per pair.
+#include <algorithm>
+#include <cfloat>
+#include <cmath>
+#include <cstdlib>
+#include <new>
+#include <vector>
+
+#include "host_internal.h"
+
+namespace {
+
+// Scratch of n elements: on the stack up to kStack, from the heap above.
+// The heap fallback may fail, which callers test with ok().
+template <typename T, int kStack = 64>
+class Scratch {
+public:
+    explicit Scratch(int n) : p_(n <= kStack ? stack_ : static_cast<T *>(std::malloc(sizeof(T) * std::size_t(n)))) {}
+    ~Scratch() {
+        if (p_ != stack_) std::free(p_);
+    }
+    Scratch(const Scratch &) = delete;
+    Scratch &operator=(const Scratch &) = delete;
+    bool ok() const { return p_ != nullptr; }
+    T &operator[](int i) { return p_[i]; }
+
+private:
+    T stack_[kStack];
+    T *p_;
+};
+
+}  // namespace
+
+extern "C" {
+
+void MatZero(double **A, int rows, int cols) {
+    for (int i = 0; i < rows; ++i)
+        for (int j = 0; j < cols; ++j) A[i][j] = 0.0;
+}
+
+void MatI(double **A, int rows, int cols) {
+    for (int i = 0; i < rows; ++i)
+        for (int j = 0; j < cols; ++j) A[i][j] = (i == j) ? 1.0 : 0.0;
+}
+
+void MatAdd(double **A, int rows, int cols, double **B, double factor, double **R) {
+    // Element by element, each read before its write: R may alias A or B.
+    if (factor == 1.0) {
+        for (int i = 0; i < rows; ++i) {
+            const double *a = A[i], *b = B[i];
+            double *r = R[i];
+            for (int j = 0; j < cols; ++j) r[j] = a[j] + b[j];
+        }
+        return;
+    }
+    for (int i = 0; i < rows; ++i) {
+        const double *a = A[i], *b = B[i];
+        double *r = R[i];
+        for (int j = 0; j < cols; ++j) r[j] = a[j] + factor * b[j];
+    }
+}
+
+void MatAB(double **A, int rows, int inner, double **B, int cols, double **R) {
+    for (int i = 0; i < rows; ++i) {
+        double *r = R[i];
+        const double *a = A[i];
+        for (int j = 0; j < cols; ++j) r[j] = 0.0;
+        for (int k = 0; k < inner; ++k) {
+            const double aik = a[k];
+            const double *b = B[k];
+            for (int j = 0; j < cols; ++j) r[j] += aik * b[j];
+        }
+    }
+}
+
+void MatBSBt(double **B, int rowsB, double **S, int orderS, double **R) {
+    // R[i][j] = B[i] . (S B[j]') for j >= i: one product S B[i]' per row,
+    // kept in t, then dot products with the rows of B; mirror at the end.
+    Scratch<double, 128> t(orderS);
+    for (int i = 0; i < rowsB; ++i) {
+        const double *bi = B[i];
+        if (t.ok()) {
+            for (int k = 0; k < orderS; ++k) {
+                const double *s = S[k];
+                double acc = 0.0;
+                for (int l = 0; l < orderS; ++l) acc += s[l] * bi[l];
+                t[k] = acc;
+            }
+            for (int j = i; j < rowsB; ++j) {
+                const double *bj = B[j];
+                double acc = 0.0;
+                for (int k = 0; k < orderS; ++k) acc += bj[k] * t[k];
+                R[i][j] = acc;
+            }
+        } else {
+            // Huge order and no memory for the row product: recompute it.
+            for (int j = i; j < rowsB; ++j) {
+                const double *bj = B[j];
+                double acc = 0.0;
+                for (int k = 0; k < orderS; ++k) {
+                    const double *s = S[k];
+                    double sk = 0.0;
+                    for (int l = 0; l < orderS; ++l) sk += s[l] * bi[l];
+                    acc += bj[k] * sk;
+                }
+                R[i][j] = acc;
+            }
+        }
+    }
+    for (int i = 0; i < rowsB; ++i)
+        for (int j = i + 1; j < rowsB; ++j) R[j][i] = R[i][j];
+}
+
+void MatBtSB(double **B, int rowsB, double **S, int colsB, double **R) {
+    // Column i of B: t = S B[., i]; then row i of R (upper part) accumulates
+    // t[k] B[k][j] over k, reading B by rows. Mirror at the end.
+    Scratch<double, 128> t(rowsB);
+    for (int i = 0; i < colsB; ++i) {
+        double *r = R[i];
+        for (int j = i; j < colsB; ++j) r[j] = 0.0;
+        if (t.ok()) {
+            for (int k = 0; k < rowsB; ++k) {
+                const double *s = S[k];
+                double acc = 0.0;
+                for (int l = 0; l < rowsB; ++l) acc += s[l] * B[l][i];
+                t[k] = acc;
+            }
+            for (int k = 0; k < rowsB; ++k) {
+                const double tk = t[k];
+                const double *b = B[k];
+                for (int j = i; j < colsB; ++j) r[j] += tk * b[j];
+            }
+        } else {
+            for (int k = 0; k < rowsB; ++k) {
+                const double *s = S[k];
+                double tk = 0.0;
+                for (int l = 0; l < rowsB; ++l) tk += s[l] * B[l][i];
+                const double *b = B[k];
+                for (int j = i; j < colsB; ++j) r[j] += tk * b[j];
+            }
+        }
+    }
+    for (int i = 0; i < colsB; ++i)
+        for (int j = i + 1; j < colsB; ++j) R[j][i] = R[i][j];
+}
+
+int IInvDet(double **A, int n, double *logdet, int *sign) {
+    double ld = 0.0;
+    int sg = 1;
+    if (n <= 0) {
+        if (logdet) *logdet = 0.0;
+        if (sign) *sign = 1;
+        return 0;
+    }
+    Scratch<int> piv(n);
+    Scratch<double> work(n);
+    auto fail = [&](int code) {
+        if (logdet) *logdet = -HUGE_VAL;
+        if (sign) *sign = 0;
+        return code;
+    };
+    if (!piv.ok() || !work.ok()) return fail(2);
+
+    // LU with partial pivoting, rows exchanged by content (the caller's row
+    // pointers stay where they are): P A = L U, L unit lower.
+    for (int k = 0; k < n; ++k) {
+        int p = k;
+        double big = std::fabs(A[k][k]);
+        for (int i = k + 1; i < n; ++i) {
+            const double a = std::fabs(A[i][k]);
+            if (a > big) {
+                big = a;
+                p = i;
+            }
+        }
+        if (!(big > 0.0) || !std::isfinite(big)) return fail(1);
+        piv[k] = p;
+        if (p != k) {
+            std::swap_ranges(A[k], A[k] + n, A[p]);
+            sg = -sg;
+        }
+        double *ak = A[k];
+        const double pivot = ak[k];
+        if (pivot < 0.0) sg = -sg;
+        ld += std::log(std::fabs(pivot));
+        for (int i = k + 1; i < n; ++i) {
+            double *ai = A[i];
+            // Divide rather than multiply by 1 / pivot: equal rows then
+            // cancel exactly and a singular matrix shows a zero pivot.
+            const double l = ai[k] / pivot;
+            ai[k] = l;
+            if (l != 0.0)
+                for (int j = k + 1; j < n; ++j) ai[j] -= l * ak[j];
+        }
+    }
+
+    // inv(U) in the upper triangle, column by column.
+    for (int j = 0; j < n; ++j) {
+        A[j][j] = 1.0 / A[j][j];
+        const double ajj = -A[j][j];
+        // A[0..j)[j] = inv(U)[0..j)[0..j) * U[0..j)[j], in increasing row
+        // order (row i reads only rows >= i of column j).
+        for (int i = 0; i < j; ++i) {
+            const double *ai = A[i];
+            double acc = 0.0;
+            for (int k = i; k < j; ++k) acc += ai[k] * A[k][j];
+            A[i][j] = acc * ajj;
+        }
+    }
+
+    // Solve X L = inv(U) for X = inv(U) inv(L), from the last column back.
+    for (int j = n - 2; j >= 0; --j) {
+        for (int i = j + 1; i < n; ++i) {
+            work[i] = A[i][j];
+            A[i][j] = 0.0;
+        }
+        for (int r = 0; r < n; ++r) {
+            double *ar = A[r];
+            double acc = ar[j];
+            for (int i = j + 1; i < n; ++i) acc -= ar[i] * work[i];
+            ar[j] = acc;
+        }
+    }
+
+    // inv(A) = inv(U) inv(L) P: undo the row exchanges as column exchanges.
+    for (int j = n - 2; j >= 0; --j) {
+        const int p = piv[j];
+        if (p != j)
+            for (int r = 0; r < n; ++r) std::swap(A[r][j], A[r][p]);
+    }
+
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j)
+            if (!std::isfinite(A[i][j])) return fail(1);
+    if (!std::isfinite(ld)) return fail(1);
+    if (logdet) *logdet = ld;
+    if (sign) *sign = sg;
+    return 0;
+}
+
+int ILDLdec(double **A, double *d, int n) {
+    // Column by column (no pivoting): D[j] = A[j][j] - sum L[j][k]^2 D[k],
+    // L[i][j] = (A[i][j] - sum L[i][k] L[j][k] D[k]) / D[j]. The pivots are
+    // kept on the diagonal while the factorisation runs; only the lower
+    // triangle is read or written.
+    for (int j = 0; j < n; ++j) {
+        double *aj = A[j];
+        double dj = aj[j];
+        for (int k = 0; k < j; ++k) dj -= aj[k] * aj[k] * A[k][k];
+        if (dj == 0.0 || !std::isfinite(dj)) return j + 1;
+        aj[j] = dj;
+        d[j] = 1.0 / dj;
+        for (int i = j + 1; i < n; ++i) {
+            double *ai = A[i];
+            double acc = ai[j];
+            for (int k = 0; k < j; ++k) acc -= ai[k] * aj[k] * A[k][k];
+            ai[j] = acc / dj;
+        }
+    }
+    return 0;
+}
+
+int IMatRank(double **A, int rows, int cols, double tol) {
+    // Singular values by one-sided Jacobi on a copy with at least as many
+    // rows as columns (the transpose when A is wide): orthogonalise pairs of
+    // columns until all are mutually orthogonal; their norms are then the
+    // singular values. Accurate to full relative precision, simple, and
+    // plenty fast for the sizes involved.
+    if (rows <= 0 || cols <= 0) return 0;
+    const bool wide = cols > rows;
+    const int m = wide ? cols : rows;  // length of a column of the copy
+    const int n = wide ? rows : cols;  // number of columns of the copy
+    std::vector<double> c(std::size_t(m) * std::size_t(n));  // column-major
+    for (int i = 0; i < rows; ++i)
+        for (int j = 0; j < cols; ++j) {
+            const double x = A[i][j];
+            if (!std::isfinite(x)) return 0;  // no meaningful rank
+            if (wide)
+                c[std::size_t(i) * m + j] = x;
+            else
+                c[std::size_t(j) * m + i] = x;
+        }
+    for (int sweep = 0; sweep < 80; ++sweep) {
+        bool rotated = false;
+        for (int p = 0; p < n - 1; ++p) {
+            double *cp = &c[std::size_t(p) * m];
+            for (int q = p + 1; q < n; ++q) {
+                double *cq = &c[std::size_t(q) * m];
+                double alpha = 0.0, beta = 0.0, gamma = 0.0;
+                for (int i = 0; i < m; ++i) {
+                    alpha += cp[i] * cp[i];
+                    beta += cq[i] * cq[i];
+                    gamma += cp[i] * cq[i];
+                }
+                if (gamma == 0.0 || std::fabs(gamma) <= DBL_EPSILON * std::sqrt(alpha * beta)) continue;
+                rotated = true;
+                const double zeta = (beta - alpha) / (2.0 * gamma);
+                const double t = (zeta >= 0.0 ? 1.0 : -1.0) / (std::fabs(zeta) + std::sqrt(1.0 + zeta * zeta));
+                const double cs = 1.0 / std::sqrt(1.0 + t * t);
+                const double sn = cs * t;
+                for (int i = 0; i < m; ++i) {
+                    const double x = cp[i], y = cq[i];
+                    cp[i] = cs * x - sn * y;
+                    cq[i] = sn * x + cs * y;
+                }
+            }
+        }
+        if (!rotated) break;
+    }
+    std::vector<double> sv(static_cast<std::size_t>(n));
+    double smax = 0.0;
+    for (int j = 0; j < n; ++j) {
+        const double *cj = &c[std::size_t(j) * m];
+        double s = 0.0;
+        for (int i = 0; i < m; ++i) s += cj[i] * cj[i];
+        sv[std::size_t(j)] = std::sqrt(s);
+        smax = std::max(smax, sv[std::size_t(j)]);
+    }
+    if (smax == 0.0) return 0;
+    const double rel = tol > 0.0 ? tol : double(std::max(rows, cols)) * DBL_EPSILON;
+    const double thresh = rel * smax;
+    int rank = 0;
+    for (double s : sv)
+        if (s > thresh) ++rank;
+    return rank;
+}
+
+}  // extern "C"
