@@ -162,36 +162,56 @@ _tessel.set_error_class(ZuError)
 _ACCEPTED = "an int, a float, a 2-D array of numbers, tessel.EMPTY or a tessel.Ref"
 
 
-def _int_value(x, where):
+def _where(name, pos, in_ref):
+    ref = " (Ref value)" if in_ref else ""
+    return f"tessel.call({name!r}): argument {pos}{ref}"
+
+
+def _int_value(x, name, pos, in_ref):
     v = int(x)
     if not _INT_MIN <= v <= _INT_MAX:
         raise OverflowError(
-            f"{where}: integer {v} does not fit in a C int [{_INT_MIN}, {_INT_MAX}]"
+            f"{_where(name, pos, in_ref)}: integer {v} does not fit in a C int "
+            f"[{_INT_MIN}, {_INT_MAX}]"
         )
     return v
 
 
-def _host_value(x, where, in_ref):
-    """One argument (or Ref value) -> int, float, 2-D float64 array or None."""
+def _host_value(x, name, pos, in_ref):
+    """One argument (or Ref value) -> int, float, 2-D float64 array or None.
+
+    ``name`` and ``pos`` only serve the error messages.
+    """
+    # Fast paths for what a likelihood inside an optimiser passes.
+    tx = type(x)
+    if tx is np.ndarray:
+        if (x.ndim == 2 and x.dtype == np.float64 and x.flags.c_contiguous
+                and x.shape[0] <= _INT_MAX and x.shape[1] <= _INT_MAX):
+            return x
+    elif tx is float:
+        return x
+
     if x is EMPTY:
         return np.empty((0, 0))
     if isinstance(x, Ref):
-        raise TypeError(f"{where}: a Ref cannot hold another Ref")
+        raise TypeError(f"{_where(name, pos, in_ref)}: a Ref cannot hold another Ref")
     if x is None:
         if in_ref:
             return None
         raise TypeError(
-            f"{where}: None is accepted only as the value of a tessel.Ref "
+            f"{_where(name, pos, in_ref)}: None is accepted only as the value of a tessel.Ref "
             "(pass tessel.EMPTY for the empty matrix)"
         )
     if isinstance(x, (bool, np.bool_)):
-        raise TypeError(f"{where}: bool is not accepted (pass 1 or 0 as an int)")
+        raise TypeError(f"{_where(name, pos, in_ref)}: bool is not accepted (pass 1 or 0 as an int)")
     if isinstance(x, (int, np.integer)):
-        return _int_value(x, where)
+        return _int_value(x, name, pos, in_ref)
     if isinstance(x, (float, np.floating)):
         return float(x)
     if isinstance(x, (str, bytes, bytearray, dict, set, frozenset, complex, np.complexfloating)):
-        raise TypeError(f"{where}: {type(x).__name__} is not accepted; expected {_ACCEPTED}")
+        raise TypeError(
+            f"{_where(name, pos, in_ref)}: {type(x).__name__} is not accepted; expected {_ACCEPTED}"
+        )
 
     if isinstance(x, np.ma.MaskedArray):
         # Masked elements are missing observations: NaN for the library.
@@ -200,24 +220,25 @@ def _host_value(x, where, in_ref):
     try:
         arr = np.asarray(x)
     except (ValueError, TypeError) as exc:
-        raise TypeError(f"{where}: cannot be read as a matrix ({exc})") from None
+        raise TypeError(f"{_where(name, pos, in_ref)}: cannot be read as a matrix ({exc})") from None
     kind = arr.dtype.kind
     if kind not in "iuf":
         what = "booleans" if kind == "b" else f"dtype {arr.dtype}"
         raise TypeError(
-            f"{where}: {type(x).__name__} of {what} is not accepted; expected {_ACCEPTED}"
+            f"{_where(name, pos, in_ref)}: {type(x).__name__} of {what} is not accepted; "
+            f"expected {_ACCEPTED}"
         )
     if arr.ndim == 0:
-        return _int_value(arr, where) if kind in "iu" else float(arr)
+        return _int_value(arr, name, pos, in_ref) if kind in "iu" else float(arr)
     if arr.ndim != 2:
         raise TypeError(
-            f"{where}: {arr.ndim}-D array of shape {arr.shape} is not accepted; "
-            "matrices must be 2-D (for one row use x.reshape(1, -1))"
+            f"{_where(name, pos, in_ref)}: {arr.ndim}-D array of shape {arr.shape} is not "
+            "accepted; matrices must be 2-D (for one row use x.reshape(1, -1))"
         )
     rows, cols = arr.shape
     if rows > _INT_MAX or cols > _INT_MAX:
         raise ValueError(
-            f"{where}: shape {arr.shape} does not fit in a host matrix "
+            f"{_where(name, pos, in_ref)}: shape {arr.shape} does not fit in a host matrix "
             f"(at most {_INT_MAX} rows and columns)"
         )
     # C-contiguous float64; the compiled module copies it into host storage.
@@ -236,26 +257,28 @@ def call(name, *args):
     ``None`` (nothing returned). Host errors raise :class:`ZuError`; messages
     become :class:`ZuMessage` warnings (see :func:`capture_messages`).
     """
-    if not isinstance(name, str):
+    if type(name) is not str:
         raise TypeError(f"tessel.call: the entry point name must be a str, not {type(name).__name__}")
-    values, targets, slots, refs = [], [], [], {}
+    values, targets, slots = [], [], []
+    refs = None
     for pos, arg in enumerate(args, 1):
-        if isinstance(arg, Ref):
+        if type(arg) is Ref or isinstance(arg, Ref):
+            if refs is None:
+                refs = {}
             slot = refs.get(id(arg))
             if slot is None:
-                where = f"tessel.call({name!r}): argument {pos} (Ref value)"
                 slot = refs[id(arg)] = len(targets)
-                targets.append(_host_value(arg.value, where, in_ref=True))
+                targets.append(_host_value(arg.value, name, pos, True))
             values.append(None)
             slots.append(slot)
         else:
-            where = f"tessel.call({name!r}): argument {pos}"
-            values.append(_host_value(arg, where, in_ref=False))
+            values.append(_host_value(arg, name, pos, False))
             slots.append(-1)
     result, written = _tessel.call(name, values, targets, slots)
-    for arg, slot in zip(args, slots):
-        if slot >= 0:
-            arg.value = written[slot]
+    if refs is not None:
+        for arg, slot in zip(args, slots):
+            if slot >= 0:
+                arg.value = written[slot]
     return result
 
 
