@@ -16,6 +16,7 @@ import pickle
 import subprocess
 import sys
 import threading
+import time
 import warnings
 
 import numpy as np
@@ -474,6 +475,32 @@ class TestMessages:
             with pytest.raises(RuntimeError, match="already running a call"):
                 tessel.call("LgmAbout")
         assert tessel.call("LgmVersion") == 300
+
+    def test_other_threads_wait_for_the_host(self, disturbances):
+        # While a message handler has let go of the interpreter lock, another
+        # thread's call must wait until the first call has finished.
+        events, results = [], []
+
+        def other():
+            results.append(recursion(disturbances))
+            events.append("other done")
+
+        worker = threading.Thread(target=other)
+
+        def show(*args, **kwargs):
+            if not worker.is_alive() and not events:
+                worker.start()
+                time.sleep(0.2)  # releases the interpreter lock
+                events.append("handler done")
+
+        with warnings.catch_warnings():
+            warnings.simplefilter("always")
+            warnings.showwarning = show
+            tessel.call("LgmAbout")
+        events.append("call done")
+        worker.join(timeout=10)
+        assert events == ["handler done", "call done", "other done"]
+        np.testing.assert_allclose(results[0], recursion_oracle(disturbances), rtol=1e-12, atol=1e-12)
 
     def test_capture_belongs_to_its_thread(self):
         seen = {}
