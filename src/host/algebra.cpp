@@ -17,9 +17,12 @@ namespace {
 template <typename T, int kStack = 64>
 class Scratch {
 public:
-    explicit Scratch(int n) : p_(n <= kStack ? stack_ : static_cast<T *>(std::malloc(sizeof(T) * std::size_t(n)))) {}
+    // n < 0 asks for nothing (ok() is false).
+    explicit Scratch(int n)
+        : p_(n < 0 ? nullptr
+                   : n <= kStack ? stack_ : static_cast<T *>(std::malloc(sizeof(T) * std::size_t(n)))) {}
     ~Scratch() {
-        if (p_ != stack_) std::free(p_);
+        if (p_ != stack_) std::free(p_);  // free(nullptr) is fine
     }
     Scratch(const Scratch &) = delete;
     Scratch &operator=(const Scratch &) = delete;
@@ -30,6 +33,26 @@ private:
     T stack_[kStack];
     T *p_;
 };
+
+// Dot product with four partial sums: breaks the chain of dependent
+// additions so that longer products run at the machine's throughput.
+__attribute__((always_inline)) inline double dot(const double *a, const double *b, int n) {
+    if (n < 4) {
+        double s = 0.0;
+        for (int i = 0; i < n; ++i) s += a[i] * b[i];
+        return s;
+    }
+    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        s0 += a[i] * b[i];
+        s1 += a[i + 1] * b[i + 1];
+        s2 += a[i + 2] * b[i + 2];
+        s3 += a[i + 3] * b[i + 3];
+    }
+    for (; i < n; ++i) s0 += a[i] * b[i];
+    return (s0 + s1) + (s2 + s3);
+}
 
 }  // namespace
 
@@ -82,18 +105,8 @@ void MatBSBt(double **B, int rowsB, double **S, int orderS, double **R) {
     for (int i = 0; i < rowsB; ++i) {
         const double *bi = B[i];
         if (t.ok()) {
-            for (int k = 0; k < orderS; ++k) {
-                const double *s = S[k];
-                double acc = 0.0;
-                for (int l = 0; l < orderS; ++l) acc += s[l] * bi[l];
-                t[k] = acc;
-            }
-            for (int j = i; j < rowsB; ++j) {
-                const double *bj = B[j];
-                double acc = 0.0;
-                for (int k = 0; k < orderS; ++k) acc += bj[k] * t[k];
-                R[i][j] = acc;
-            }
+            for (int k = 0; k < orderS; ++k) t[k] = dot(S[k], bi, orderS);
+            for (int j = i; j < rowsB; ++j) R[i][j] = dot(B[j], &t[0], orderS);
         } else {
             // Huge order and no memory for the row product: recompute it.
             for (int j = i; j < rowsB; ++j) {
@@ -114,32 +127,33 @@ void MatBSBt(double **B, int rowsB, double **S, int orderS, double **R) {
 }
 
 void MatBtSB(double **B, int rowsB, double **S, int colsB, double **R) {
-    // Column i of B: t = S B[., i]; then row i of R (upper part) accumulates
-    // t[k] B[k][j] over k, reading B by rows. Mirror at the end.
+    // B' S B is B S B' for the transpose: gather the columns of B into
+    // contiguous rows once, then proceed as MatBSBt with scalar
+    // accumulators. Mirror at the end.
+    const long count = long(rowsB) * long(colsB);
+    Scratch<double, 1024> bt(count > (1L << 26) ? -1 : int(count));
     Scratch<double, 128> t(rowsB);
-    for (int i = 0; i < colsB; ++i) {
-        double *r = R[i];
-        for (int j = i; j < colsB; ++j) r[j] = 0.0;
-        if (t.ok()) {
-            for (int k = 0; k < rowsB; ++k) {
-                const double *s = S[k];
+    if (count > 0 && (count > (1L << 26) || !bt.ok() || !t.ok())) {
+        // Huge and no memory for scratch: straight from the definition.
+        for (int i = 0; i < colsB; ++i)
+            for (int j = i; j < colsB; ++j) {
                 double acc = 0.0;
-                for (int l = 0; l < rowsB; ++l) acc += s[l] * B[l][i];
-                t[k] = acc;
+                for (int k = 0; k < rowsB; ++k) {
+                    double sk = 0.0;
+                    for (int l = 0; l < rowsB; ++l) sk += S[k][l] * B[l][i];
+                    acc += B[k][j] * sk;
+                }
+                R[i][j] = acc;
             }
-            for (int k = 0; k < rowsB; ++k) {
-                const double tk = t[k];
-                const double *b = B[k];
-                for (int j = i; j < colsB; ++j) r[j] += tk * b[j];
-            }
-        } else {
-            for (int k = 0; k < rowsB; ++k) {
-                const double *s = S[k];
-                double tk = 0.0;
-                for (int l = 0; l < rowsB; ++l) tk += s[l] * B[l][i];
-                const double *b = B[k];
-                for (int j = i; j < colsB; ++j) r[j] += tk * b[j];
-            }
+    } else {
+        for (int l = 0; l < rowsB; ++l) {
+            const double *b = B[l];
+            for (int i = 0; i < colsB; ++i) bt[i * rowsB + l] = b[i];
+        }
+        for (int i = 0; i < colsB; ++i) {
+            const double *bi = &bt[i * rowsB];
+            for (int k = 0; k < rowsB; ++k) t[k] = dot(S[k], bi, rowsB);
+            for (int j = i; j < colsB; ++j) R[i][j] = dot(&bt[j * rowsB], &t[0], rowsB);
         }
     }
     for (int i = 0; i < colsB; ++i)
@@ -196,18 +210,24 @@ int IInvDet(double **A, int n, double *logdet, int *sign) {
         }
     }
 
-    // inv(U) in the upper triangle, column by column.
-    for (int j = 0; j < n; ++j) {
-        A[j][j] = 1.0 / A[j][j];
-        const double ajj = -A[j][j];
-        // A[0..j)[j] = inv(U)[0..j)[0..j) * U[0..j)[j], in increasing row
-        // order (row i reads only rows >= i of column j).
-        for (int i = 0; i < j; ++i) {
-            const double *ai = A[i];
-            double acc = 0.0;
-            for (int k = i; k < j; ++k) acc += ai[k] * A[k][j];
-            A[i][j] = acc * ajj;
+    // inv(U) in the upper triangle, row by row from the bottom: row i of
+    // U X = I gives X[i][.] = -(1 / U[i][i]) sum over k > i of U[i][k] X[k][.],
+    // accumulated as row operations (rows below already hold X).
+    for (int i = n - 1; i >= 0; --i) {
+        double *ai = A[i];
+        const double dii = 1.0 / ai[i];
+        ai[i] = dii;
+        for (int k = i + 1; k < n; ++k) {
+            work[k] = ai[k];
+            ai[k] = 0.0;
         }
+        for (int k = i + 1; k < n; ++k) {
+            const double w = work[k];
+            if (w == 0.0) continue;
+            const double *xk = A[k];
+            for (int j = k; j < n; ++j) ai[j] += w * xk[j];
+        }
+        for (int j = i + 1; j < n; ++j) ai[j] *= -dii;
     }
 
     // Solve X L = inv(U) for X = inv(U) inv(L), from the last column back.
@@ -216,12 +236,7 @@ int IInvDet(double **A, int n, double *logdet, int *sign) {
             work[i] = A[i][j];
             A[i][j] = 0.0;
         }
-        for (int r = 0; r < n; ++r) {
-            double *ar = A[r];
-            double acc = ar[j];
-            for (int i = j + 1; i < n; ++i) acc -= ar[i] * work[i];
-            ar[j] = acc;
-        }
+        for (int r = 0; r < n; ++r) A[r][j] -= dot(A[r] + j + 1, &work[j + 1], n - j - 1);
     }
 
     // inv(A) = inv(U) inv(L) P: undo the row exchanges as column exchanges.
