@@ -368,6 +368,16 @@ TEST(LgmWeightsFailures, FilterFailureIsAnErrorWhateverTheMessageSwitch) {
     EXPECT_TRUE(capture.messages.empty());
 }
 
+TEST(LgmWeightsFailures, NoTimePoints) {
+    // A marker with no columns: the filter sees no observation (cnt < 1).
+    LocalLevel ll;
+    for (int selection : {0, 5, 1, 3}) {
+        const testutil::CallError e = failing_call(ll.args(selection, mat(1, 0, {})));
+        EXPECT_EQ(e.number, zu::kErrorMessage);
+        EXPECT_EQ(e.text, kUnknownError);
+    }
+}
+
 TEST(LgmWeightsFailures, InvalidSelection) {
     LocalLevel ll;
     for (int selection : {-1, 2, 4, 6}) {
