@@ -35,6 +35,7 @@ Typical use::
 """
 
 import numpy as np
+import scipy.linalg
 
 KAPPA_FACTOR = 9999999.99
 TWO_PI = 6.283185307179586
@@ -59,6 +60,32 @@ def _index(x):
     if a.size == 0 or (a.shape == (1, 1) and a[0, 0] == 0.0):
         return None
     return np.trunc(a).astype(int)
+
+
+def _factor(S, kappa=None):
+    """F with F F' = S for a symmetric positive semi-definite S. Elements
+    that are uncorrelated with all others (the diffuse ones) are factored
+    exactly as square roots; the rest by an eigendecomposition."""
+    S = 0.5 * (S + S.T)
+    k = S.shape[0]
+    F = np.zeros((k, k))
+    lone = np.array([np.all(S[i, np.arange(k) != i] == 0.0) for i in range(k)], dtype=bool)
+    for i in np.nonzero(lone)[0]:
+        F[i, i] = np.sqrt(max(S[i, i], 0.0))
+    rest = np.nonzero(~lone)[0]
+    if rest.size:
+        w, U = np.linalg.eigh(S[np.ix_(rest, rest)])
+        if w.min() < -1e-12 * max(1.0, np.abs(w).max()):
+            return None  # indefinite: no real factor
+        F[np.ix_(rest, rest)] = U * np.sqrt(np.clip(w, 0.0, None))
+    return F
+
+
+def _qr(At):
+    """Economic QR of A' (sources x given) with R's diagonal made positive."""
+    Q, R = np.linalg.qr(At, mode="reduced")
+    signs = np.where(np.diag(R) < 0, -1.0, 1.0)
+    return Q * signs, R * signs[:, None]
 
 
 class StateSpace:
@@ -144,10 +171,18 @@ class Oracle:
         nsrc = m + n * p  # alpha(0) - a, then e(0..n-1)
 
         a0, P0, self.d = model.initial()
+        # X = mu + G z with z ~ N(0, I): G = B L where L factors the block
+        # diagonal covariance of the sources (alpha(0) - a, e(0), ..., e(n-1)).
+        # Conditioning works on G by orthogonal factorisation rather than on
+        # the covariance of X, whose diffuse directions (variance ~ kappa)
+        # would square the condition number.
         mu = np.zeros(dim)
         B = np.zeros((dim, nsrc))
+        L = np.zeros((nsrc, nsrc))
         src_cov = np.zeros((nsrc, nsrc))
         src_cov[:m, :m] = P0
+        factors = [_factor(P0)]
+        L[:m, :m] = factors[0] if factors[0] is not None else 0.0
         mu[:m] = a0
         B[:m, :m] = np.eye(m)
         self.systems = []
@@ -156,6 +191,9 @@ class Oracle:
             self.systems.append((T, Z, V, c, dd))
             s = m + t * p
             src_cov[s:s + p, s:s + p] = V
+            factors.append(_factor(V))
+            if factors[-1] is not None:
+                L[s:s + p, s:s + p] = factors[-1]
             at = slice(t * m, (t + 1) * m)
             nxt = slice((t + 1) * m, (t + 2) * m)
             yt = slice(self.Y0 + t * N, self.Y0 + (t + 1) * N)
@@ -168,8 +206,15 @@ class Oracle:
             B[yt] = Z @ B[at]
             B[yt, s + m:s + p] += np.eye(N)
         self.mu = mu
-        self.cov = B @ src_cov @ B.T
-        self.cov = 0.5 * (self.cov + self.cov.T)
+        if all(f is not None for f in factors):
+            self.G = B @ L
+            self.cov = self.G @ self.G.T
+        else:
+            # An indefinite VarMat (which the filters accept) has no real
+            # factor: condition on the covariance itself instead.
+            self.G = None
+            self.cov = B @ src_cov @ B.T
+            self.cov = 0.5 * (self.cov + self.cov.T)
         self.observed = ~np.isnan(y)
 
     # ------------------------------------------------------------ indexing
@@ -203,16 +248,41 @@ class Oracle:
         and the weight matrix Cov(target, given) Var(given)^-1."""
         target = np.asarray(target, dtype=int)
         given = np.asarray(given, dtype=int)
+        if self.G is None:
+            return self._condition_cov(target, given)
+        Gt = self.G[target]
         if given.size == 0:
-            return (self.mu[target].copy(), self.cov[np.ix_(target, target)].copy(),
-                    np.zeros((target.size, 0)))
-        vals = self._values(given)
+            return self.mu[target].copy(), Gt @ Gt.T, np.zeros((target.size, 0))
+        Q, R = _qr(self.G[given].T)
+        # Cov(t, g) Var(g)^-1 = Gt A' (A A')^-1 = Gt Q R^-T with A' = Q R.
+        W = scipy.linalg.solve_triangular(R, (Gt @ Q).T).T
+        r = self._values(given) - self.mu[given]
+        mean = self.mu[target] + W @ r
+        H = Gt - (Gt @ Q) @ Q.T  # the part of X[target] independent of X[given]
+        return mean, H @ H.T, W
+
+    def _condition_cov(self, target, given):
+        Stt = self.cov[np.ix_(target, target)]
+        if given.size == 0:
+            return self.mu[target].copy(), Stt.copy(), np.zeros((target.size, 0))
         Sgg = self.cov[np.ix_(given, given)]
         Stg = self.cov[np.ix_(target, given)]
         W = np.linalg.solve(Sgg, Stg.T).T
-        mean = self.mu[target] + W @ (vals - self.mu[given])
-        cov = self.cov[np.ix_(target, target)] - W @ Stg.T
+        mean = self.mu[target] + W @ (self._values(given) - self.mu[given])
+        cov = Stt - W @ Stg.T
         return mean, 0.5 * (cov + cov.T), W
+
+    def _loglik_parts(self):
+        """(log det Var(y_obs), quadratic form, observed count)."""
+        rows, _ = self.observed_rows()
+        if self.G is None:
+            S = self.cov[np.ix_(rows, rows)]
+            r = self._values(rows) - self.mu[rows]
+            return np.linalg.slogdet(S)[1], float(r @ np.linalg.solve(S, r)), rows.size
+        _, R = _qr(self.G[rows].T)
+        r = self._values(rows) - self.mu[rows]
+        u = scipy.linalg.solve_triangular(R, r, trans="T")
+        return 2.0 * float(np.sum(np.log(np.abs(np.diag(R))))), float(u @ u), rows.size
 
     def _values(self, rows):
         flat = np.empty(self.n * self.model.N)
@@ -224,24 +294,20 @@ class Oracle:
         """(log-likelihood, scale, cnt) in the library's convention:
         cnt = observed elements - d, the d log(kappa) term removed from the
         log-determinant, scale = (y - mu)' Var^-1 (y - mu) / cnt."""
-        rows, _ = self.observed_rows()
-        if rows.size == 0:
+        if not self.observed.any():
             return float("nan"), float("nan"), -self.d
-        S = self.cov[np.ix_(rows, rows)]
-        r = self._values(rows) - self.mu[rows]
-        sign, logdet = np.linalg.slogdet(S)
-        quad = float(r @ np.linalg.solve(S, r))
-        cnt = rows.size - self.d
+        logdet, quad, nobs = self._loglik_parts()
+        cnt = nobs - self.d
         logdet -= self.d * np.log(self.model.kappa)
         ll = -0.5 * (cnt * np.log(TWO_PI) + logdet + quad)
         return ll, quad / cnt, cnt
 
     def loglik_concentrated(self):
         """(log-likelihood with the scale concentrated out, sigma2)."""
-        ll, scale, cnt = self.loglik()
-        rows, _ = self.observed_rows()
-        S = self.cov[np.ix_(rows, rows)]
-        logdet = np.linalg.slogdet(S)[1] - self.d * np.log(self.model.kappa)
+        logdet, quad, nobs = self._loglik_parts()
+        cnt = nobs - self.d
+        logdet -= self.d * np.log(self.model.kappa)
+        scale = quad / cnt
         return -0.5 * (cnt * np.log(TWO_PI) + logdet + cnt * (np.log(scale) + 1.0)), scale
 
     # ------------------------------------------------------- one-step ahead
