@@ -193,21 +193,21 @@ void expect_univ_equals_multi(const DirectModel &dm, int n, const std::vector<do
             << "store row " << k / n << " column " << k % n;
 }
 
-TEST(UnivMultiAgreement, ProperStartTimeVaryingWithGaps) {
+TEST(KalmanFilterUnivVsMulti, ProperStartTimeVaryingWithGaps) {
     const int n = 20;
     DirectModel dm = trend_model(false);
     dm.tvdata = trend_tv(n);
     expect_univ_equals_multi(dm, n, trend_data(n), 1e-12);
 }
 
-TEST(UnivMultiAgreement, PartlyDiffuseStart) {
+TEST(KalmanFilterUnivVsMulti, PartlyDiffuseStart) {
     const int n = 20;
     DirectModel dm = trend_model(true);
     dm.tvdata = trend_tv(n);
     expect_univ_equals_multi(dm, n, trend_data(n), 1e-7);
 }
 
-TEST(UnivMultiAgreement, FullyDiffuseFixedModel) {
+TEST(KalmanFilterUnivVsMulti, FullyDiffuseFixedModel) {
     const int n = 15;
     DirectModel dm = trend_model(true);
     dm.init.clear();
@@ -239,7 +239,7 @@ DirectModel white_noise_model(int n, const std::vector<double> &h) {
     return dm;
 }
 
-TEST(UnivFilterRules, NegativeFIsFilteredButNotCounted) {
+TEST(KalmanFilterUnivRules, NegativeFIsFilteredButNotCounted) {
     const int n = 5;
     const std::vector<double> h = {1.0, 0.5, -3.0, 2.0, 0.25};
     const std::vector<double> y = {0.7, -1.2, 0.4, 2.2, -0.3};
@@ -260,7 +260,7 @@ TEST(UnivFilterRules, NegativeFIsFilteredButNotCounted) {
     EXPECT_DOUBLE_EQ(r.store[0 * n + 2], 0.4);
 }
 
-TEST(UnivFilterRules, ZeroFStopsAtOnce) {
+TEST(KalmanFilterUnivRules, ZeroFStopsAtOnce) {
     const int n = 5;
     // F(2) = 1 + h(2) = 0 exactly.
     const std::vector<double> h = {1.0, 0.5, -1.0, 2.0, 0.25};
@@ -276,7 +276,7 @@ TEST(UnivFilterRules, ZeroFStopsAtOnce) {
     }
 }
 
-TEST(UnivFilterRules, MissingValuesAndTooFewObservations) {
+TEST(KalmanFilterUnivRules, MissingValuesAndTooFewObservations) {
     const int n = 4;
     const std::vector<double> h = {1.0, 1.0, 1.0, 1.0};
     const DirectModel dm = white_noise_model(n, h);
@@ -300,7 +300,7 @@ TEST(UnivFilterRules, MissingValuesAndTooFewObservations) {
 
 // Two series observing one random walk with no observation noise through
 // the same loading: F = P [1 1; 1 1] is singular at the first step.
-TEST(MultiFilterRules, SingularFFails) {
+TEST(KalmanFilterMultiRules, SingularFFails) {
     DirectModel dm;
     dm.m = 1;
     dm.N = 2;
@@ -322,7 +322,7 @@ TEST(MultiFilterRules, SingularFFails) {
 // splits into two scalar filters, so with series 1 missing at t = 1 and both
 // missing at t = 2 the store follows from the scalar recursion
 // P -> P + q, F = P + h, K = P / F (T = 1), P(t+1) = P - P^2/F + q.
-TEST(MultiFilterRules, PartlyAndWhollyMissingColumns) {
+TEST(KalmanFilterMultiRules, PartlyAndWhollyMissingColumns) {
     DirectModel dm;
     dm.m = 2;
     dm.N = 2;
@@ -377,7 +377,7 @@ TEST(MultiFilterRules, PartlyAndWhollyMissingColumns) {
     EXPECT_NEAR(r.sumsq, ss / 5, 1e-13);
 }
 
-TEST(MultiFilterRules, AllMissingFailsWithNaNInnovations) {
+TEST(KalmanFilterMultiRules, AllMissingFailsWithNaNInnovations) {
     DirectModel dm;
     dm.m = 1;
     dm.N = 2;
@@ -566,7 +566,7 @@ TEST(FilterEntryPoints, ArgumentFaults) {
 
 // alpha(t+1) = 0.5 alpha(t) + 1 + u, y(t) = 2 alpha(t) + 3 + u: with zero
 // disturbances and a proper start at 4 the path is deterministic.
-TEST(Recursion, DeterministicPathAndOffset) {
+TEST(LgmRecursionEntry, DeterministicPathAndOffset) {
     NoLeak guard;
     const int n = 6;
     Args a;
@@ -588,7 +588,7 @@ TEST(Recursion, DeterministicPathAndOffset) {
     }
 }
 
-TEST(Recursion, InitialStateScaling) {
+TEST(LgmRecursionEntry, InitialStateScaling) {
     NoLeak guard;
     const double kappa = 9999999.99 * 3.0;  // largest VarMat diagonal is 3
     auto run = [&](Value init) {
@@ -613,7 +613,7 @@ TEST(Recursion, InitialStateScaling) {
     EXPECT_DOUBLE_EQ(o.at(2, 1), o.at(0, 0) + o.at(1, 0) + 9);
 }
 
-TEST(Recursion, SingleColumnAndTimeVarying) {
+TEST(LgmRecursionEntry, SingleColumnAndTimeVarying) {
     NoLeak guard;
     {
         Args a;
@@ -687,9 +687,9 @@ std::vector<double> sweep_data(int N, int n) {
     return y;
 }
 
-class AllocationSweep : public ::testing::TestWithParam<int> {};
+class FilterAllocationSweep : public ::testing::TestWithParam<int> {};
 
-TEST_P(AllocationSweep, FilterAndLikelihoods) {
+TEST_P(FilterAllocationSweep, FilterAndLikelihoods) {
     const int N = GetParam(), n = 8;
     Value ll, s2;
     for (const std::string name : {"KalmanFil", "LgmLik", "LgmLikConc"}) {
@@ -727,7 +727,7 @@ TEST_P(AllocationSweep, FilterAndLikelihoods) {
     }
 }
 
-TEST_P(AllocationSweep, Recursion) {
+TEST_P(FilterAllocationSweep, Recursion) {
     const int N = GetParam(), n = 8;
     const long sites = testutil::allocation_sweep(
         "LgmRecursion",
@@ -744,6 +744,6 @@ TEST_P(AllocationSweep, Recursion) {
     EXPECT_GE(sites, 6);
 }
 
-INSTANTIATE_TEST_SUITE_P(SingleAndMulti, AllocationSweep, ::testing::Values(1, 2));
+INSTANTIATE_TEST_SUITE_P(SingleAndMulti, FilterAllocationSweep, ::testing::Values(1, 2));
 
 }  // namespace
