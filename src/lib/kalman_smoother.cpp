@@ -101,20 +101,21 @@ void univ_form_u_D(int m, int t, double **W1, double **W2, double **store) {
     const int mN = m + 1;
     double *w1last = W1[mN];
     double *u = W2[mN];
-    double *K = W1[m];
+    double *K = W1[m];  // gain in columns 0..m-1, F^-1 in column m
 
-    const double v = store[0][t];
-    w1last[m] = v;
+    if (store) {
+        w1last[m] = store[0][t];
+        for (int k = 0; k <= m; ++k) K[k] = store[1 + k][t];
+    }
+    const double v = w1last[m];
     double um;
     if (FIsNaN(v)) {
         um = 0.0;
         W2[m][m] = 0.0;
-        for (int k = 0; k < m; ++k) K[k] = 0.0;
+        for (int k = 0; k <= m; ++k) K[k] = 0.0;
     } else {
-        const double finv = store[m + 1][t];
-        um = v * finv;
-        W2[m][m] = finv;
-        for (int k = 0; k < m; ++k) K[k] = store[1 + k][t];
+        um = v * K[m];
+        W2[m][m] = K[m];
     }
     for (int k = 0; k < m; ++k) {
         u[k] = w1last[k];
@@ -150,8 +151,7 @@ void smooth_advance(int m, int mN, double **sys, double **W1, double **W2) {
 
 namespace {
 
-// The loop shared by both routines; `univ` selects the single-series step,
-// which needs the store.
+// The loop shared by both routines; `univ` selects the single-series step.
 void kalman_smo(bool univ, int N, int T, int m, double **sys, int **sysidx, double **tvdata,
                 double **W1, double **W2, double **store, double **S, double **out) {
     const int mN = m + N;
