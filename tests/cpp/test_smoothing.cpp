@@ -345,6 +345,60 @@ TEST(Structure, OffDiagonalStoreOnlyForMoreThanOneState) {
 
 // --------------------------------------------------- entry point behaviour
 
+// No time points: the prediction pass records nothing and leaves the initial
+// state, so selections 0 and 5 return InitMat's P (kappa on the diffuse
+// diagonal) over its a; the backward selections start from and return zeros.
+// The covariance of the diffuse state 0 with the later proper state 1 is
+// still written from InitMat's lower triangle (the initial rows are read in
+// order, and a proper row fills the column of an earlier diffuse one).
+TEST(MomentEst, NoTimePoints) {
+    NoLeak guard;
+    const double kappa = 9999999.99;
+    for (int sel : {0, 5, 1, 3}) {
+        Value mom;
+        Args a{Value::integer(sel), Value::ref(mom), Value::matrix(2, 0)};
+        a.push_back(mat(4, 2, {0.8, 0.3, 0.0, 0.6, 1.0, 0.0, 0.0, 1.0}));
+        a.push_back(mat(4, 4, {0.5, 0, 0, 0, 0, 0.5, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}));
+        a.push_back(mat(3, 2, {-1.0, 0.0, 0.3, 0.7, 0.25, -0.5}));
+        Value ret = zu::call("LgmMomentEst", a);
+        ASSERT_EQ(mom.rows(), 8);
+        EXPECT_EQ(mom.cols(), 0);
+        const bool forward = sel == 0 || sel == 5;
+        const std::vector<double> want =
+            forward ? std::vector<double>{kappa, 0.3, 0.3, 0.7, 0.25, -0.5}
+                    : std::vector<double>(6, 0.0);
+        EXPECT_EQ(ret.to_vector(), want) << sel;
+    }
+}
+
+TEST(EntryPoints, ArgumentFaults) {
+    NoLeak guard;
+    const Model md = make_model(2);
+    {
+        Args a{Value::matrix(5, 4)};  // a store needs 2 + 3 + 4 = 9 rows
+        push_model(a, md);
+        EXPECT_EQ(testutil::call_error("KalmanSmo", a).number, zu::kErrorSize);
+    }
+    {
+        Value mom;
+        Args a{Value::integer(1), Value::ref(mom), mat(1, 4, {1, 2, 3, 4})};  // N = 2 rows needed
+        push_model(a, md);
+        EXPECT_EQ(testutil::call_error("LgmMomentEst", a).number, zu::kErrorSize);
+        EXPECT_TRUE(mom.is_none());
+    }
+    {
+        Value ll, sc;
+        Args a{Value::ref(ll), Value::ref(sc), mat(2, 3, {1, 2, 3, 4, 5, 6})};
+        a.push_back(mat(2, 2, {1, 0, 0, 1}));  // SysMat square: N = 0
+        a.push_back(mat(2, 2, {1, 0, 0, 1}));
+        const auto e = testutil::call_error("LgmLikSco", a);
+        EXPECT_EQ(e.number, zu::kErrorMessage);
+        EXPECT_EQ(e.text, "\nLgm(): number of rows or columns not correct in argument 2\n");
+        EXPECT_TRUE(sc.is_none());
+    }
+}
+
+
 TEST(MomentEst, ByValueSecondArgumentGivesOnlyTheReturnValue) {
     NoLeak guard;
     const Model md = make_model(2);
