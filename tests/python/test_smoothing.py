@@ -197,7 +197,8 @@ def test_smoothed_states_and_signals_equal_the_oracle(name):
     store = tessel.call("KalmanFil", y, *model_args(spec))
     smo = tessel.call("KalmanSmo", store, *model_args(spec))
     assert_close(ret[m], smo[:m, 0], 1e-12, "r before the first time point")
-    assert_close(np.diag(ret[:m]), smo[m + N:2 * m + N, 0], 1e-12, "diag N before the first time point")
+    assert_close(np.diag(ret[:m]), smo[m + N:2 * m + N, 0], 1e-12,
+                 "diag N before the first time point")
 
 
 @pytest.mark.parametrize("name", list(MODELS))
@@ -228,7 +229,8 @@ def test_kalman_smo_cumulant_reproduces_the_oracle_smoothed_states(name):
     tol = spec["tol"]
     assert_close(rebuilt, a_s, tol, "a(t) + P(t) r(t-1)")
     if m == 1:
-        # V(t) = P(t) - P(t)^2 N(t-1), from t = 1 (t = 0 is at the rounding floor, see the module notes).
+        # V(t) = P(t) - P(t)^2 N(t-1), from t = 1 (t = 0 is at the rounding
+        # floor for a diffuse start, see the module notes).
         rebuilt_v = np.array([P[t][0, 0] - P[t][0, 0] ** 2 * smo[m + model.N, t]
                               for t in range(1, n)])
         assert_close(rebuilt_v, V[1:, 0, 0], tol, "P - P N P")
