@@ -28,7 +28,8 @@ using testutil::MessageCapture;
 using testutil::NoLeak;
 using zu::Value;
 
-const char *const kMomentMsg = "LgmMomentEst(): non-positive semi-definite innovation variance matrix";
+const char *const kMomentMsg =
+    "LgmMomentEst(): non-positive semi-definite innovation variance matrix";
 const char *const kScoreMsg = "LgmLikSco(): non-positive semi-definite innovation matrix";
 const char *const kSelectionMsg = "LgmMomentEst(): no valid selection in first argument";
 
@@ -314,7 +315,8 @@ TEST(Structure, StateSmootherInPlaceEqualsSeparateOutput) {
                           pred.get(), off.get(), pred.get());
         }
         for (int r = 0; r < 2 * mN; ++r)
-            for (int t = 0; t < n; ++t) EXPECT_EQ(pred[r][t], sep[r][t]) << N << " " << r << "," << t;
+            for (int t = 0; t < n; ++t)
+                EXPECT_EQ(pred[r][t], sep[r][t]) << N << " " << r << "," << t;
     }
 }
 
@@ -450,7 +452,8 @@ TEST(MomentEst, NonPositiveInnovationVarianceReports) {
     for (int N : {1, 2})
         for (int sel : {0, 5, 1, 3}) {
             Value mom = Value::integer(-3);
-            Args a{Value::integer(sel), Value::ref(mom), mat(N, 3, std::vector<double>(N * 3, 1.0))};
+            const std::vector<double> ones(N * 3, 1.0);
+            Args a{Value::integer(sel), Value::ref(mom), mat(N, 3, ones)};
             singular(a, N);
             {
                 MessageCapture cap;
@@ -463,7 +466,7 @@ TEST(MomentEst, NonPositiveInnovationVarianceReports) {
             {
                 testutil::MessagesOff off;
                 MessageCapture cap;
-                Args b{Value::integer(sel), Value::ref(mom), mat(N, 3, std::vector<double>(N * 3, 1.0))};
+                Args b{Value::integer(sel), Value::ref(mom), mat(N, 3, ones)};
                 singular(b, N);
                 EXPECT_TRUE(zu::call("LgmMomentEst", b).is_none());
                 EXPECT_TRUE(cap.messages.empty());
@@ -568,7 +571,8 @@ long sweep(const std::string &name, std::vector<Value> &targets,
             if (delivered) check(threw, number, text, cap.messages, result);
         }
         for (Value &v : targets) v.reset();
-        EXPECT_EQ(zu::live_allocations().total(), before) << name << ": leak failing allocation " << k;
+        EXPECT_EQ(zu::live_allocations().total(), before)
+            << name << ": leak failing allocation " << k;
         if (!delivered) break;
     }
     EXPECT_LT(k, 500);
@@ -632,8 +636,8 @@ TEST_P(SmoothingSweep, LgmMomentEst) {
                     push_tv_model(a, N, n);
                     return a;
                 },
-                [&](bool threw, int number, const std::string &, const std::vector<std::string> &msgs,
-                    Value &result) {
+                [&](bool threw, int number, const std::string &,
+                    const std::vector<std::string> &msgs, Value &result) {
                     EXPECT_TRUE(result.is_none()) << sel;
                     EXPECT_TRUE(targets[0].is_none()) << "moments freed, selection " << sel;
                     if (threw) {
