@@ -8,6 +8,12 @@ program translates line by line:
     ok = tessel.call("LgmLik", ll, s2, y, sys, var)
     store = tessel.call("KalmanFil", y, sys, var, init)
 
+On top of it, an idiomatic API (see docs/python-api.md)::
+
+    y = tessel.load_example("nile")                       # pandas Series
+    res = tessel.fit(y, [tessel.Level(), tessel.Irregular()])
+    print(res.summary())
+
 The compiled module ``_tessel`` must be importable (it is built into
 ``<build>/lib``; scripts/setup.sh puts that folder on ``sys.path``).
 """
@@ -28,6 +34,18 @@ from ._lowlevel import (
     _live_allocations,
 )
 
+from .model import Model, ModelError, NumericalError
+from .components import (
+    AR1, AR2, ButterworthCycle, Component, Cycle, DummySeasonal, Irregular, Level, Slope,
+    SumSeasonal, Trend, TrigSeasonal, add_regression, arma, regression, spline, structural,
+)
+from .analysis import (
+    conditional_density, disturbances, filtered, kalman_filter, loglik, loglik_concentrated,
+    predicted, recursion, score, simulate, simulation_smoother, smoothed, weights,
+)
+from .estimation import ARMA, FitResult, Forecast, extend_index, fit
+from .data import load_example
+
 __version__ = "3.0.0"
 
 __all__ = [
@@ -39,4 +57,13 @@ __all__ = [
     "capture_messages",
     "set_seed",
     "version",
+    # idiomatic API
+    "Model", "ModelError", "NumericalError",
+    "AR1", "AR2", "ButterworthCycle", "Component", "Cycle", "DummySeasonal", "Irregular",
+    "Level", "Slope", "SumSeasonal", "Trend", "TrigSeasonal",
+    "add_regression", "arma", "regression", "spline", "structural",
+    "conditional_density", "disturbances", "filtered", "kalman_filter", "loglik",
+    "loglik_concentrated", "predicted", "recursion", "score", "simulate",
+    "simulation_smoother", "smoothed", "weights",
+    "ARMA", "FitResult", "Forecast", "extend_index", "fit", "load_example",
 ]

@@ -1,0 +1,499 @@
+"""Model builders: structural components, ARMA, regression, cubic spline.
+
+Every builder calls the library's builder entry point and wraps the result
+in a :class:`~tessel.model.Model`; the Python side only checks the arguments
+(so that the library never sees an invalid request) and records the layout.
+
+Structural models are written as a list of component objects::
+
+    model = tessel.structural([tessel.Level(40.0), tessel.Irregular(120.0)])
+
+Each component has its ``sigma`` (a standard deviation, see the table of
+the class docstrings); ``sigma=None`` leaves it to be estimated by
+:func:`tessel.fit`, which is also the reason why the other parameters of a
+cycle or autoregressive component may be ``None``.
+"""
+
+import math
+
+import numpy as np
+
+from ._lowlevel import EMPTY, Ref, ZuError, call, capture_messages
+from .model import Model, ModelError
+
+__all__ = [
+    "Component", "Level", "Slope", "Trend", "DummySeasonal", "TrigSeasonal",
+    "SumSeasonal", "Cycle", "ButterworthCycle", "AR1", "AR2", "Irregular",
+    "structural", "arma", "regression", "add_regression", "spline",
+]
+
+
+def _number(x, name, low=None, high=None, low_open=False, high_open=False, allow_none=False):
+    if x is None:
+        if allow_none:
+            return None
+        raise ModelError(f"{name}: a number is required")
+    if isinstance(x, (bool, np.bool_)) or not isinstance(x, (int, float, np.integer, np.floating)):
+        raise ModelError(f"{name}: expected a number, got {type(x).__name__}")
+    x = float(x)
+    if not math.isfinite(x):
+        raise ModelError(f"{name}: must be finite, got {x}")
+    if low is not None and (x < low or (low_open and x == low)):
+        raise ModelError(f"{name}: must be {'>' if low_open else '>='} {low}, got {x}")
+    if high is not None and (x > high or (high_open and x == high)):
+        raise ModelError(f"{name}: must be {'<' if high_open else '<='} {high}, got {x}")
+    return x
+
+
+def _whole(x, name, low, high):
+    if isinstance(x, (bool, np.bool_)) or not isinstance(x, (int, np.integer, float, np.floating)) \
+            or float(x) != int(x):
+        raise ModelError(f"{name}: expected a whole number, got {x!r}")
+    x = int(x)
+    if not low <= x <= high:
+        raise ModelError(f"{name}: must be between {low} and {high}, got {x}")
+    return x
+
+
+# ------------------------------------------------------------- components
+
+
+class Component:
+    """Base of the structural components. ``code`` is the row code of the
+    library's component table; ``row()`` gives the five table columns."""
+
+    code = None
+    name = "component"
+    #: names of the parameters besides sigma that fit() may estimate
+    free_parameters = ()
+
+    def __init__(self, sigma=None):
+        self.sigma = _number(sigma, f"{type(self).__name__}: sigma", low=0.0, allow_none=True)
+
+    def params(self):
+        return (None, None, None)
+
+    def row(self, code=None):
+        if self.sigma is None:
+            raise ModelError(f"{self!r}: sigma is not set (give a value, or estimate it with tessel.fit)")
+        p = self.params()
+        missing = [f for f in self.free_parameters if getattr(self, f) is None]
+        if missing:
+            raise ModelError(f"{self!r}: {', '.join(missing)} not set (give values, or estimate "
+                             "them with tessel.fit)")
+        c2, c3, c4 = (0.0 if v is None else float(v) for v in p)
+        return [float(self.code if code is None else code), self.sigma, c2, c3, c4]
+
+    def with_values(self, **values):
+        """A copy with some attributes replaced (sigma, frequency, ...)."""
+        new = object.__new__(type(self))
+        new.__dict__.update(self.__dict__)
+        for k, v in values.items():
+            if not hasattr(self, k):
+                raise ModelError(f"{type(self).__name__} has no parameter {k!r}")
+            setattr(new, k, v)
+        return new
+
+    @property
+    def states(self):
+        return 1
+
+    def __repr__(self):
+        args = ", ".join(f"{k}={v!r}" for k, v in self.__dict__.items())
+        return f"{type(self).__name__}({args})"
+
+    def __eq__(self, other):
+        return type(self) is type(other) and self.__dict__ == other.__dict__
+
+    __hash__ = None
+
+
+class Level(Component):
+    """Random walk level; sigma: standard deviation of its disturbance."""
+    code, name = 0, "level"
+
+
+class Slope(Component):
+    """Slope added to the level (needs a Level); sigma of its disturbance."""
+    code, name = 1, "slope"
+
+
+class Trend(Component):
+    """Trend of order k (1: random walk, 2: integrated random walk, ...);
+    the disturbance (sigma) enters the highest-order element."""
+    code, name = 2, "trend"
+
+    def __init__(self, order=2, sigma=None):
+        super().__init__(sigma)
+        self.order = _whole(order, "Trend: order", 1, 9)
+
+    def params(self):
+        return (self.order, None, None)
+
+    @property
+    def states(self):
+        return self.order
+
+
+class _Seasonal(Component):
+    name = "seasonal"
+
+    def __init__(self, period, sigma=None):
+        super().__init__(sigma)
+        self.period = _whole(period, f"{type(self).__name__}: period", 2, 10000)
+
+    def params(self):
+        return (self.period, None, None)
+
+    @property
+    def states(self):
+        return self.period - 1
+
+
+class DummySeasonal(_Seasonal):
+    """Dummy seasonal of the given period (period - 1 states); sigma of its
+    disturbance."""
+    code = 3
+
+
+class TrigSeasonal(_Seasonal):
+    """Trigonometric seasonal of the given period (period - 1 states), the
+    same sigma for every frequency."""
+    code = 4
+
+
+class SumSeasonal(_Seasonal):
+    """Seasonal with one state per season and disturbances summing to zero."""
+    code = 5
+
+    @property
+    def states(self):
+        return self.period
+
+
+class Cycle(Component):
+    """Stochastic cycle: frequency in radians (0..pi), damping factor in
+    [0, 1]; sigma is the standard deviation of the cycle itself."""
+    code, name = 7, "cycle"
+    free_parameters = ("frequency", "damping")
+
+    def __init__(self, frequency=None, damping=None, sigma=None):
+        super().__init__(sigma)
+        self.frequency = _number(frequency, "Cycle: frequency", 0.0, math.pi, allow_none=True)
+        self.damping = _number(damping, "Cycle: damping", 0.0, 1.0, allow_none=True)
+
+    def params(self):
+        return (self.frequency, self.damping, None)
+
+    @property
+    def states(self):
+        return 2
+
+
+class ButterworthCycle(Component):
+    """Butterworth-type cycle of order 1..9 (2 x order states): frequency,
+    damping and sigma as for :class:`Cycle`."""
+    code, name = 6, "bwcycle"
+    free_parameters = ("frequency", "damping")
+
+    def __init__(self, frequency=None, damping=None, order=2, sigma=None):
+        super().__init__(sigma)
+        self.frequency = _number(frequency, "ButterworthCycle: frequency", 0.0, math.pi,
+                                 allow_none=True)
+        self.damping = _number(damping, "ButterworthCycle: damping", 0.0, 1.0, allow_none=True)
+        self.order = _whole(order, "ButterworthCycle: order", 1, 9)
+
+    def params(self):
+        return (self.frequency, self.damping, self.order)
+
+    @property
+    def states(self):
+        return 2 * self.order
+
+
+class AR1(Component):
+    """First-order autoregression with coefficient phi in [-1, 1]; sigma is
+    the standard deviation of the process itself."""
+    code, name = 17, "ar1"
+    free_parameters = ("phi",)
+
+    def __init__(self, phi=None, sigma=None):
+        super().__init__(sigma)
+        self.phi = _number(phi, "AR1: phi", -1.0, 1.0, allow_none=True)
+
+    def params(self):
+        return (None, self.phi, None)
+
+
+class AR2(Component):
+    """Second-order autoregression given by its two inverse roots (each in
+    [-1, 1]); sigma is the standard deviation of the process itself."""
+    code, name = 18, "ar2"
+    free_parameters = ("root1", "root2")
+
+    def __init__(self, root1=None, root2=None, sigma=None):
+        super().__init__(sigma)
+        self.root1 = _number(root1, "AR2: root1", -1.0, 1.0, allow_none=True)
+        self.root2 = _number(root2, "AR2: root2", -1.0, 1.0, allow_none=True)
+
+    def params(self):
+        return (None, self.root1, self.root2)
+
+    @property
+    def states(self):
+        return 2
+
+
+class Irregular(Component):
+    """Observation noise; sigma is its standard deviation."""
+    code, name = 19, "irregular"
+
+    @property
+    def states(self):
+        return 0
+
+
+def check_components(components):
+    """Validate a component list; returns it as a list with cycle codes
+    assigned (7, 8, ... in list order) and unique display names."""
+    if isinstance(components, Component):
+        components = [components]
+    try:
+        comps = list(components)
+    except TypeError:
+        raise ModelError("components: expected a list of tessel components") from None
+    if not comps:
+        raise ModelError("components: at least one component is required")
+    for c in comps:
+        if not isinstance(c, Component):
+            raise ModelError(f"components: {c!r} is not a tessel component (Level, Slope, ...)")
+    kinds = [type(c) for c in comps]
+
+    def count(*types):
+        return sum(1 for k in kinds if k in types)
+
+    if count(Level, Trend) > 1:
+        raise ModelError("components: at most one Level or Trend")
+    if count(Slope) > 1:
+        raise ModelError("components: at most one Slope")
+    if count(Slope) and not count(Level):
+        raise ModelError("components: a Slope needs a Level (use Trend(order=2) for a smooth trend)")
+    if count(DummySeasonal, TrigSeasonal, SumSeasonal) > 1:
+        raise ModelError("components: at most one seasonal component")
+    for t, label in ((Irregular, "Irregular"), (AR1, "AR1"), (AR2, "AR2"),
+                     (ButterworthCycle, "ButterworthCycle")):
+        if count(t) > 1:
+            raise ModelError(f"components: at most one {label}")
+    if count(Cycle) > 10:
+        raise ModelError("components: at most ten cycles")
+    if all(isinstance(c, Irregular) for c in comps):
+        raise ModelError("components: at least one component with a state (not only Irregular)")
+    return comps
+
+
+def component_names(comps):
+    names, seen = [], {}
+    for c in comps:
+        base = c.name
+        seen[base] = seen.get(base, 0) + 1
+        names.append(base if seen[base] == 1 else f"{base}{seen[base]}")
+    if sum(1 for c in comps if isinstance(c, Cycle)) > 1:
+        k = 0
+        for j, c in enumerate(comps):
+            if isinstance(c, Cycle):
+                k += 1
+                names[j] = f"cycle{k}"
+    return names
+
+
+def structural(components):
+    """A univariate structural time series model from component objects.
+
+    Components are placed by the library in a fixed order (level or trend,
+    slope, Butterworth cycle, seasonal, cycles, AR(1), AR(2)), whatever the
+    order of the list; ``model.info["components"]`` records, for each
+    component, its name, its first state and its number of states.
+    """
+    comps = check_components(components)
+    rows, cycle_code = [], 7
+    for c in comps:
+        if isinstance(c, Cycle):
+            rows.append(c.row(cycle_code))
+            cycle_code += 1
+        else:
+            rows.append(c.row())
+    if len(rows) == 1:
+        # The table needs two rows; a zero irregular is the same model.
+        rows.append(Irregular(0.0).row())
+    table = np.array(rows, dtype=float)
+    S, V, I = Ref(), Ref(), Ref()
+    try:
+        with capture_messages():
+            starts = call("GetLgmStsm", table, S, V, I)
+    except ZuError as err:
+        raise ModelError(f"structural model refused: {err}") from None
+    names = component_names(comps)
+    layout = [(name, int(starts[0, j]), c.states, c) for j, (name, c) in enumerate(zip(names, comps))]
+    return Model(S.value, V.value, I.value,
+                 info={"kind": "structural", "components": layout})
+
+
+def arma(ar=(), ma=(), sigma=1.0):
+    """An ARMA(p, q) model with a stationary initial state:
+    y(t) = phi_1 y(t-1) + ... + e(t) + theta_1 e(t-1) + ..., e ~ N(0, sigma^2).
+
+    The AR part must be stationary (roots of 1 - phi_1 z - ... - phi_p z^p
+    outside the unit circle); white noise (p = q = 0) is not an ARMA model
+    here: use a structural model with an Irregular for it.
+    """
+    arv = _vector(ar, "arma: ar")
+    mav = _vector(ma, "arma: ma")
+    sig = _number(sigma, "arma: sigma", low=0.0, low_open=True)
+    if arv.size == 0 and mav.size == 0:
+        raise ModelError("arma: give at least one AR or MA coefficient")
+    if arv.size and np.any(np.abs(np.roots(np.r_[1.0, -arv][::-1])) <= 1.0 + 1e-10):
+        raise ModelError(f"arma: the AR part {arv.tolist()} is not stationary")
+    S, V, I = Ref(), Ref(), Ref()
+    with capture_messages() as msgs:
+        ok = call("GetLgmArma", arv.reshape(1, -1) if arv.size else EMPTY,
+                  mav.reshape(1, -1) if mav.size else EMPTY, sig, S, V, I)
+    if ok != 1:
+        raise ModelError(f"arma: the library could not build the model: {' '.join(msgs)}")
+    return Model(S.value, V.value, I.value,
+                 info={"kind": f"ARMA({arv.size},{mav.size})", "ar": arv.tolist(),
+                       "ma": mav.tolist(), "sigma": sig})
+
+
+def _vector(x, name):
+    if x is None:
+        return np.zeros(0)
+    if isinstance(x, (int, float, np.integer, np.floating)) and not isinstance(x, bool):
+        x = [x]
+    try:
+        v = np.array(x, dtype=float).ravel() if np.ndim(x) <= 1 else None
+    except (TypeError, ValueError):
+        raise ModelError(f"{name}: expected a sequence of numbers") from None
+    if v is None:
+        raise ModelError(f"{name}: expected a 1-D sequence of numbers")
+    if not np.all(np.isfinite(v)):
+        raise ModelError(f"{name}: coefficients must be finite")
+    return v
+
+
+def _regressors(X, name="X"):
+    """Regressors given time-major (n x k, or a 1-D series) -> k x n."""
+    if X is None:
+        raise ModelError(f"{name}: regressors are required")
+    try:
+        import pandas as pd
+        if isinstance(X, (pd.Series, pd.DataFrame)):
+            X = X.to_numpy(dtype=float)
+    except ImportError:  # pragma: no cover
+        pass
+    try:
+        arr = np.array(X, dtype=float)
+    except (TypeError, ValueError):
+        raise ModelError(f"{name}: expected numbers (n time points x k regressors)") from None
+    if arr.ndim == 1:
+        arr = arr[:, None]
+    if arr.ndim != 2 or arr.shape[0] < 1 or arr.shape[1] < 1:
+        raise ModelError(f"{name}: expected a non-empty n x k array (time points in rows), "
+                         f"got shape {arr.shape}")
+    if not np.all(np.isfinite(arr)):
+        raise ModelError(f"{name}: regressors must be finite")
+    return np.ascontiguousarray(arr.T)
+
+
+def regression(X):
+    """The regression model y(t) = x(t)' beta + eps(t), eps ~ N(0, 1), beta
+    constant and diffuse. ``X`` is n x k (time points in rows) or a 1-D
+    series; it becomes the model's ``tvdata``."""
+    tv = _regressors(X)
+    S, V, I, SI = Ref(), Ref(), Ref(), Ref()
+    call("GetLgmReg", tv, S, V, I, SI)
+    return Model(S.value, V.value, I.value, sysidx=SI.value, tvdata=tv,
+                 info={"kind": "regression", "regressors": tv.shape[0]})
+
+
+def add_regression(model, X):
+    """``model`` with regression effects x(t)' beta added in front of its
+    states (k new diffuse states, the regressors as ``tvdata`` rows 0..k-1).
+
+    The model must have one observation series and no covariance between
+    its state and observation disturbances (the extended model has none).
+    An existing time-varying block is kept, its rows moved below the
+    regressors; intercepts in ``mean`` are kept.
+    """
+    if not isinstance(model, Model):
+        raise ModelError(f"add_regression: expected a tessel.Model, got {type(model).__name__}")
+    if model.N != 1:
+        raise ModelError("add_regression: the model must have exactly one observation series")
+    m = model.m
+    if np.any(model.var[:m, m] != 0):
+        raise ModelError("add_regression: the model has covariances between state and "
+                         "observation disturbances, which regression effects cannot keep")
+    tv = _regressors(X)
+    k = tv.shape[0]
+    if model.tvdata is not None and model.tvdata.shape[1] != tv.shape[1]:
+        raise ModelError(f"add_regression: X has {tv.shape[1]} time points, the model's "
+                         f"tvdata {model.tvdata.shape[1]}")
+    init = model.init
+    if init is None:  # fully diffuse start, written out explicitly
+        init = np.vstack([-np.eye(m), np.zeros((1, m))])
+    S, V, I, SI = Ref(model.sys), Ref(model.var), Ref(init), Ref(EMPTY)
+    call("AddLgmReg", tv, S, V, I, SI)
+    M = m + k
+
+    sysidx = np.array(SI.value)
+    if model.sysidx is not None:
+        old = np.where(model.sysidx >= 0, model.sysidx + k, -1.0)
+        sysidx[k:M, k:] = old[:m]
+        sysidx[M, k:] = old[m]
+    varidx = None
+    if model.varidx is not None:
+        varidx = np.full((M + 1, M + 1), -1.0)
+        old = np.where(model.varidx >= 0, model.varidx + k, -1.0)
+        old[:m, m] = -1.0  # no state/observation cross terms in the extended model
+        old[m, :m] = -1.0
+        varidx[k:, k:] = old
+    meanidx = None
+    if model.meanidx is not None:
+        meanidx = np.full((M + 1, 1), -1.0)
+        meanidx[k:] = np.where(model.meanidx >= 0, model.meanidx + k, -1.0)
+    mean = None
+    if model.mean is not None:
+        mean = np.zeros((M + 1, 1))
+        mean[k:] = model.mean
+    tvdata = tv if model.tvdata is None else np.vstack([tv, model.tvdata])
+    info = dict(model.info)
+    info["regressors"] = info.get("regressors", 0) + k
+    if "components" in info:
+        info["components"] = [(n, s + k, c, comp) for n, s, c, comp in info["components"]]
+    return Model(S.value, V.value, I.value, mean=mean, sysidx=sysidx, varidx=varidx,
+                 meanidx=meanidx, tvdata=tvdata, info=info)
+
+
+def spline(q, spacing=None):
+    """The cubic smoothing spline model with smoothing ratio ``q`` (slope
+    disturbance variance over observation variance, which is 1).
+
+    Without ``spacing`` the observations are equally spaced one time unit
+    apart and the model is fixed; with ``spacing`` (the n distances between
+    consecutive observations; the first one only affects the state
+    transition after time 0) the transition and state variance vary with
+    time.
+    """
+    qv = _number(q, "spline: q", low=0.0)
+    S, V, I = Ref(), Ref(), Ref()
+    if spacing is None:
+        call("GetLgmSpline", qv, EMPTY, S, V, I)
+        return Model(S.value, V.value, I.value, info={"kind": "spline", "q": qv})
+    d = _vector(spacing, "spline: spacing")
+    if d.size < 1:
+        raise ModelError("spline: spacing needs at least one value")
+    if np.any(d < 0):
+        raise ModelError("spline: spacings must not be negative")
+    SI, VI, TV = Ref(), Ref(), Ref()
+    call("GetLgmSpline", qv, d.reshape(1, -1), S, V, I, SI, VI, TV)
+    return Model(S.value, V.value, I.value, sysidx=SI.value, varidx=VI.value,
+                 tvdata=TV.value, info={"kind": "spline", "q": qv})
