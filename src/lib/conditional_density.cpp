@@ -15,7 +15,10 @@ TESSEL_EXPORT void LgmSignalSmo(int mode, int N, int n, int m, double **sys, dou
     double *theta = work[1];
     const double kappa = diffuse_kappa(var, p);
 
-    // Start: a + P r(-1), with column 0 of D holding r(-1).
+    // Start: a + P r(-1), with column 0 of D holding r(-1) and P the initial
+    // variance as the filters build it from InitMat: only the diagonal and
+    // the part left of it are read, and a diffuse element k has no
+    // covariance with the rows before it.
     for (int i = 0; i < m; ++i) {
         if (!init) {
             a[i] = kappa * D[i][0];
@@ -23,7 +26,10 @@ TESSEL_EXPORT void LgmSignalSmo(int mode, int N, int n, int m, double **sys, dou
             a[i] = init[m][i] + kappa * D[i][0];
         } else {
             double s = 0.0;
-            for (int k = 0; k < m; ++k) s += init[i][k] * D[k][0];
+            for (int k = 0; k < m; ++k) {
+                const double pik = k <= i ? init[i][k] : (init[k][k] < 0 ? 0.0 : init[k][i]);
+                s += pik * D[k][0];
+            }
             a[i] = init[m][i] + s;
         }
     }

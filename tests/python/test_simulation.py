@@ -505,3 +505,20 @@ def test_seed_reproduces_a_draw_and_draws_agree_across_selections():
     np.testing.assert_array_equal(np.isnan(e[2:]), np.isnan(y))
     ok = ~np.isnan(y)
     np.testing.assert_allclose(e[2:][ok], (y - a[2:])[ok], rtol=0, atol=1e-12)
+
+
+def test_lgmconddens_reads_the_initial_variance_like_the_filter():
+    """Only the diagonal of InitMat and the part left of it are read: the
+    smoothed start a + P r(-1) uses the same P as the filter, whatever the
+    part right of the diagonal holds."""
+    case = multivariate_model()
+    sys, var, init, mean = case["args"]
+    lower = init.copy()
+    lower[1, 0] = 0.6          # the covariance, given left of the diagonal only
+    junk = lower.copy()
+    junk[0, 1] = 55.0           # never read
+    model = StateSpace(sys, var, init=lower, mean=mean)
+    states, _ = Oracle(model, case["y"]).smoothed_states()
+    for given in (lower, junk):
+        r1 = tessel.call("LgmCondDens", 1, case["y"], sys, var, given, mean)
+        np.testing.assert_allclose(r1[:2], states, rtol=0, atol=TOL)
