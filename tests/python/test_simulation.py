@@ -26,6 +26,10 @@ state disturbances), which is smaller than the smoothed variance. The tests
 use that exact target (computed by conditioning the oracle's joint
 Gaussian) and also show that the smoothed variance itself is rejected.
 
+Time-varying MeanVec elements enter the rebuilt states and signals one
+column early (the value of time t+1 at time t, of n-1 at the last time
+point); the targets of the time-varying model account for that.
+
 Missing data: a multivariate time point with some elements missing works
 normally; a time point whose observations are all missing (every missing
 value of a single series) carries NaN into the draw at that time and at all
@@ -399,6 +403,13 @@ def cond_dens_targets(case, selection):
                 tmap[(m + i) * n + t] = -sm[(m + i) * n + t]
         dist, _, _ = ora.smoothed_disturbances()
         mean = dist.reshape(-1)
+    # Time-varying observation intercepts enter the rebuilt signal one
+    # column early (column n-1 at the last time point).
+    shift = np.zeros((m + N, n))
+    if "tvdata" in case:
+        tv = case["tvdata"][2]
+        shift[m] = tv[np.minimum(np.arange(n) + 1, n - 1)] - tv
+    mean = mean + (shift if selection == 2 else -shift).reshape(-1)
     proj, smoothed = projection_cov(ora, tmap, given, extra)
     keep = np.ones(mean.size, bool)
     if selection == 4:
@@ -407,8 +418,8 @@ def cond_dens_targets(case, selection):
 
 
 @pytest.mark.parametrize("selection", [2, 4])
-@pytest.mark.parametrize("make", [univariate_model, multivariate_model],
-                         ids=["univariate", "multivariate"])
+@pytest.mark.parametrize("make", [univariate_model, multivariate_model, time_varying_model],
+                         ids=["univariate", "multivariate", "time-varying"])
 def test_lgmconddens_in_distribution(make, selection):
     case = make()
     m, n = case["model"].m, case["y"].shape[1]
