@@ -20,8 +20,12 @@ the log-likelihood.
 
 Standard errors: from the Hessian of the log-likelihood in theta (central
 differences of the gradient), Cov(theta) = (-H)^-1, carried to the reported
-scale by the delta method. A parameter at a bound of the search (a variance
-estimated as zero) gets no standard error.
+scale by the delta method (J Cov J' with J the Jacobian of the reported
+values in theta). A parameter at a bound of the search (a variance
+estimated as zero) gets no standard error. Parameter counts: k = number
+of estimated parameters; d = number of diffuse initial elements (regression
+effects and the constant of an ARMA fit among them); AIC = -2 logL +
+2 (k + d), BIC = -2 logL + (k + d) log(number of observed values).
 """
 
 import math
@@ -175,7 +179,26 @@ class _Problem:
 
     # natural values and models
     def values(self, theta):
+        """The reported parameters: variances, damping factors, frequencies,
+        AR coefficients; for ARMA the AR and MA coefficients and sigma^2."""
+        if self.kind == "arma":
+            sp = self.spec
+            ar = _pacf_to_coef(np.tanh(theta[:sp.p]))
+            ma = -_pacf_to_coef(np.tanh(theta[sp.p:sp.p + sp.q]))
+            return np.r_[ar, ma, math.exp(2 * theta[-1])]
         return np.array([p.natural(t) for p, t in zip(self.params, theta)])
+
+    def jacobian(self, theta, h=1e-7):
+        """d values / d theta (central differences; no library call)."""
+        k = len(theta)
+        J = np.zeros((k, k))
+        for j in range(k):
+            step = h * max(1.0, abs(theta[j]))
+            tp, tm = np.array(theta, dtype=float), np.array(theta, dtype=float)
+            tp[j] += step
+            tm[j] -= step
+            J[:, j] = (self.values(tp) - self.values(tm)) / (2 * step)
+        return J
 
     def components(self, theta):
         comps = [c for c in self.comps]
@@ -221,7 +244,7 @@ class _Problem:
     def data_y(self):
         return self.data.values.T
 
-    def loglik_grad(self, theta, step=1e-5):
+    def loglik_grad(self, theta, step=1e-4):
         theta = np.asarray(theta, dtype=float)
         mod = self.model(theta)
         pats = self.var_patterns(theta)
@@ -656,7 +679,10 @@ def fit(y, spec, exog=None, maxiter=500, progress=None, tol=1e-9):
             pass
     se_theta = np.sqrt(np.diag(cov))
     est = prob.values(theta)
-    se = np.array([p.dnatural(t) for p, t in zip(prob.params, theta)]) * se_theta
+    J = prob.jacobian(theta)
+    with np.errstate(invalid="ignore"):
+        se = np.sqrt(np.diag(J @ np.where(np.isnan(cov), 0.0, cov) @ J.T))
+    se[~np.isfinite(se_theta)] = np.nan
     params = pd.DataFrame({"estimate": est, "std.error": se, "theta": theta,
                            "theta.std.error": se_theta, "at_bound": at_bound},
                           index=[p.name for p in prob.params])
