@@ -15,6 +15,7 @@
 #ifndef TESSEL_HOST_HPP
 #define TESSEL_HOST_HPP
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -104,7 +105,8 @@ ZU_HOST_API void set_seed(std::uint64_t seed);
 struct LiveCounts {
     long blocks = 0;  // matrix blocks: MatAllocBlock and matrix values
     long tables = 0;  // TabAllocPlain tables
-    long total() const { return blocks + tables; }
+    long heap = 0;    // the library's own malloc blocks (ZuHeapAlloc, see below)
+    long total() const { return blocks + tables + heap; }
 };
 ZU_HOST_API LiveCounts live_allocations();
 // Number of host allocations attempted since the process started.
@@ -114,6 +116,17 @@ ZU_HOST_API long allocation_attempts();
 ZU_HOST_API void fail_allocation(long k);
 // True once the injected failure has been delivered (and injection is off).
 ZU_HOST_API bool injected_failure_delivered();
+
+}  // namespace zu
+
+// Optional heap for a library's own malloc blocks. Not part of the host
+// interface of zu.h: a library looks these up at run time (dlsym) and falls
+// back to malloc/free when the host lacks them. Blocks from here are counted
+// in live_allocations().heap and take part in failure injection.
+extern "C" ZU_HOST_API void *ZuHeapAlloc(std::size_t bytes);
+extern "C" ZU_HOST_API void ZuHeapFree(void *p);
+
+namespace zu {
 
 // ---- loading and calling ----
 // Path of libtessel.so in use: $TESSEL_LIBRARY if set, else libtessel.so in

@@ -20,6 +20,9 @@ constexpr std::size_t kHeader = 16;
 // Refuse anything above 1 TiB: such a request is a size bug, not a matrix.
 constexpr std::uint64_t kMaxBytes = std::uint64_t(1) << 40;
 
+// Kind tag of ZuHeapAlloc blocks (matrices and tables use StorageKind).
+constexpr std::uint64_t kHeapKind = 3;
+
 struct Header {
     std::uint64_t magic;
     std::uint64_t kind;
@@ -29,6 +32,7 @@ static_assert(sizeof(Header) == kHeader, "header must keep 16-byte alignment");
 long g_attempts = 0;
 long g_live_blocks = 0;
 long g_live_tables = 0;
+long g_live_heap = 0;
 long g_fail_countdown = 0;  // 0: injection off
 bool g_delivered = false;
 
@@ -99,6 +103,7 @@ LiveCounts live_allocations() {
     LiveCounts c;
     c.blocks = g_live_blocks;
     c.tables = g_live_tables;
+    c.heap = g_live_heap;
     return c;
 }
 
@@ -132,6 +137,35 @@ void TabFreePlain(void **tab, int rows, int cols) {
     (void)rows;
     (void)cols;
     zu::detail::free_rows(zu::detail::StorageKind::Table, tab);
+}
+
+// The library's own heap blocks: the same header and accounting as the
+// matrices and tables, so they are counted, injected and checked on release.
+void *ZuHeapAlloc(std::size_t bytes) {
+    using namespace zu;
+    ++g_attempts;
+    if (inject_failure()) return nullptr;
+    if (bytes > kMaxBytes) return nullptr;
+    void *raw = std::malloc(kHeader + (bytes ? bytes : 1));
+    if (!raw) return nullptr;
+    Header *h = static_cast<Header *>(raw);
+    h->magic = kMagic;
+    h->kind = kHeapKind;
+    ++g_live_heap;
+    return static_cast<char *>(raw) + kHeader;
+}
+
+void ZuHeapFree(void *p) {
+    using namespace zu;
+    if (!p) return;
+    Header *h = reinterpret_cast<Header *>(static_cast<char *>(p) - kHeader);
+    if (h->magic != kMagic || h->kind != kHeapKind) {
+        std::fprintf(stderr, "tessel host: ZuHeapFree of memory it did not hand out (or already freed)\n");
+        std::abort();
+    }
+    h->magic = kDead;
+    --g_live_heap;
+    std::free(h);
 }
 
 }  // extern "C"

@@ -2,6 +2,8 @@
 // by the entry points.
 #include "frame.h"
 
+#include <dlfcn.h>
+
 #include <cstdlib>
 
 namespace tessel {
@@ -13,8 +15,46 @@ double diffuse_kappa(double **var, int order) {
     return 9999999.99 * largest;
 }
 
-void *lib_malloc(std::size_t bytes) { return std::malloc(bytes); }
-void lib_free(void *p) { std::free(p); }
+// A host may offer a heap of its own (ZuHeapAlloc/ZuHeapFree) so that it can
+// account for our blocks and make them fail on purpose. It is optional and
+// looked up once at run time, so a host without it still loads the library
+// (no undefined symbol is added); then plain malloc/free serve.
+namespace {
+
+struct HeapHooks {
+    void *(*alloc)(std::size_t) = nullptr;
+    void (*release)(void *) = nullptr;
+};
+
+const HeapHooks &heap_hooks() {
+    static const HeapHooks hooks = [] {
+        HeapHooks h;
+        void *a = dlsym(RTLD_DEFAULT, "ZuHeapAlloc");
+        void *f = dlsym(RTLD_DEFAULT, "ZuHeapFree");
+        if (a && f) {  // both or neither: a block must go back where it came from
+            h.alloc = reinterpret_cast<void *(*)(std::size_t)>(a);
+            h.release = reinterpret_cast<void (*)(void *)>(f);
+        }
+        return h;
+    }();
+    return hooks;
+}
+
+}  // namespace
+
+void *lib_malloc(std::size_t bytes) {
+    const HeapHooks &h = heap_hooks();
+    return h.alloc ? h.alloc(bytes) : std::malloc(bytes);
+}
+
+void lib_free(void *p) {
+    if (!p) return;
+    const HeapHooks &h = heap_hooks();
+    if (h.release)
+        h.release(p);
+    else
+        std::free(p);
+}
 
 bool Block::alloc(int rows, int cols) {
     reset();

@@ -1,0 +1,526 @@
+// test_reliability.cpp - every entry point driven through every allocation
+// failure it can meet.
+//
+// For each entry point (and several argument variants: one series and
+// several, fixed and time-varying models) the host is told to fail its k-th
+// allocation, k = 1, 2, ..., until a call completes without meeting the
+// failure. The library's own malloc blocks come from the host's optional
+// heap (ZuHeapAlloc), so they take part too. Every failed call must end in a
+// report its entry point documents for that situation (host error 4, the
+// entry point's own allocation text, or its numeric-failure report) and must
+// leave no host allocation live; the call that finally succeeds must give
+// exactly what an undisturbed call gives. A table of the allocation sites
+// reached per entry point is printed at the end of the run.
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstdio>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "tessel/host.hpp"
+#include "test_util.h"
+
+namespace {
+
+using testutil::Args;
+using testutil::kNaN;
+using testutil::mat;
+using testutil::MessageCapture;
+using zu::Value;
+
+// ------------------------------------------------------------ argument sets
+
+// Arguments together with the variables their references name. Held by
+// pointer so that the references stay valid.
+struct CallArgs {
+    std::deque<Value> vars;
+    Args args;
+    void add(Value v) { args.push_back(std::move(v)); }
+    void ref(Value initial = Value()) {
+        vars.push_back(std::move(initial));
+        args.push_back(Value::ref(vars.back()));
+    }
+};
+using MakeArgs = std::function<std::unique_ptr<CallArgs>()>;
+
+constexpr int kTime = 8;
+
+// Observations: a smooth path with one missing element per series.
+Value observations(int N) {
+    std::vector<double> v;
+    for (int i = 0; i < N; ++i)
+        for (int t = 0; t < kTime; ++t) v.push_back(t == 3 + i ? kNaN : 0.5 * i + 0.3 * t - 0.02 * t * t);
+    return mat(N, kTime, v);
+}
+
+Value tvdata() {
+    std::vector<double> v;
+    for (int r = 0; r < 3; ++r)
+        for (int t = 0; t < kTime; ++t) v.push_back(0.9 + 0.1 * r + 0.01 * t);
+    return mat(3, kTime, v);
+}
+
+// Model block: N = 1 (local linear trend, diffuse start) or N = 2 (two
+// series on a stationary VAR(1)-like state); with `tv`, one SysMat, one
+// VarMat and one MeanVec element vary over time.
+struct ModelSpec {
+    int N;
+    bool tv;
+    int m() const { return 2; }
+    int p() const { return m() + N; }
+    std::string name() const {
+        return std::string(N == 1 ? "N=1" : "N=2") + (tv ? ",tv" : ",fixed");
+    }
+};
+
+void add_model(CallArgs &c, const ModelSpec &s) {
+    if (s.N == 1) {
+        c.add(mat(3, 2, {1, 1, 0, 1, 1, 0}));
+        c.add(mat(3, 3, {0.5, 0, 0, 0, 0.1, 0, 0, 0, 1.0}));
+        c.add(mat(3, 2, {-1, 0, 0, -1, 0, 0}));
+        c.add(mat(3, 1, {0.1, 0, 0.2}));
+        if (s.tv) {
+            c.add(mat(3, 2, {-1, -1, -1, -1, 0, -1}));
+            c.add(mat(3, 3, {-1, -1, -1, -1, -1, -1, -1, -1, 1}));
+            c.add(mat(3, 1, {-1, -1, 2}));
+            c.add(tvdata());
+        }
+    } else {
+        c.add(mat(4, 2, {0.8, 0.1, 0, 0.5, 1, 0, 0.5, 1}));
+        c.add(mat(4, 4, {1, 0.2, 0, 0, 0.2, 0.5, 0, 0, 0, 0, 0.3, 0.05, 0, 0, 0.05, 0.2}));
+        c.add(mat(3, 2, {-1, 0, 0, 1.5, 0.5, 0}));
+        c.add(mat(4, 1, {0.1, 0, 0.2, -0.1}));
+        if (s.tv) {
+            c.add(mat(4, 2, {0, -1, -1, -1, -1, -1, -1, -1}));
+            c.add(mat(4, 4, {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 1, -1, -1, -1, -1, -1}));
+            c.add(mat(4, 1, {-1, -1, -1, 2}));
+            c.add(tvdata());
+        }
+    }
+}
+
+// The filter store of a model, as KalmanFil returns it.
+Value store_of(const ModelSpec &s) {
+    CallArgs c;
+    c.add(observations(s.N));
+    add_model(c, s);
+    return zu::call("KalmanFil", c.args);
+}
+
+// Selects the state disturbances (the observation disturbances are fixed
+// by the state disturbances once the data are given, so their conditional
+// variance is singular).
+Value state_selection(const ModelSpec &s) {
+    Value v = Value::matrix(s.p(), s.p());
+    for (int i = 0; i < s.m(); ++i) v.at(i, i) = 1.0;
+    return v;
+}
+
+// Simulation smoother weights and standard normal draws for SimSmoDraw.
+Value weights_of(const ModelSpec &s) {
+    CallArgs c;
+    c.add(state_selection(s));
+    c.add(store_of(s));
+    add_model(c, s);
+    return zu::call("SimSmoWgt", c.args);
+}
+
+Value draws(int q) {
+    std::vector<double> v;
+    for (int i = 0; i < q * kTime; ++i) v.push_back(((i * 37) % 19 - 9) / 5.0);
+    return mat(q, kTime, v);
+}
+
+// ----------------------------------------------------- documented reports
+
+enum class Kind { Matrix, Flag, None };
+
+// What an entry point may report when one of its allocations fails.
+struct Reports {
+    Kind kind = Kind::Matrix;
+    // Run-time error texts the entry point raises for its own allocation
+    // failures (besides host error 4).
+    std::vector<std::string> error_texts;
+    // Numeric-failure report: an allocation inside a numeric routine is
+    // reported like a numeric failure (return value freed, or integer 0,
+    // and this message).
+    std::string failure_message;
+};
+
+struct SweepCase {
+    std::string entry;
+    std::string variant;
+    MakeArgs make;
+    Reports reports;
+};
+
+// One row of the printed table.
+struct Row {
+    long sites = 0;
+    long error4 = 0, own_text = 0, numeric = 0;
+    bool clean = true;
+};
+std::map<std::string, std::map<std::string, Row>> &table() {
+    static std::map<std::string, std::map<std::string, Row>> t;
+    return t;
+}
+
+const char *kind_name(Kind k) { return k == Kind::Matrix ? "matrix" : k == Kind::Flag ? "flag" : "none"; }
+
+// Calls once without injection; returns the result and messages.
+struct Outcome {
+    bool threw = false;
+    int number = -1;
+    std::string text;
+    Value result;
+    std::vector<std::string> messages;
+    std::vector<Value> refs;  // values of the reference targets after the call
+};
+
+Outcome run(const std::string &entry, CallArgs &c) {
+    Outcome o;
+    MessageCapture capture;
+    zu::set_seed(20261121);
+    try {
+        o.result = zu::call(entry, c.args);
+    } catch (const zu::Error &e) {
+        o.threw = true;
+        o.number = e.number();
+        o.text = e.what();
+    }
+    o.messages = capture.messages;
+    return o;
+}
+
+void expect_same_value(const Value &a, const Value &b, const std::string &what) {
+    ASSERT_EQ(a.type(), b.type()) << what;
+    if (a.type() == ZU_INT) {
+        EXPECT_EQ(a.as_int(), b.as_int()) << what;
+    }
+    if (a.type() == ZU_DOUBLE) {
+        EXPECT_EQ(a.as_double(), b.as_double()) << what;
+    }
+    if (a.type() == ZU_MATRIX) {
+        ASSERT_EQ(a.rows(), b.rows()) << what;
+        ASSERT_EQ(a.cols(), b.cols()) << what;
+        const std::vector<double> x = a.to_vector(), y = b.to_vector();
+        for (std::size_t k = 0; k < x.size(); ++k)
+            if (!(x[k] == y[k] || (x[k] != x[k] && y[k] != y[k]))) {
+                ADD_FAILURE() << what << ": element " << k << " is " << x[k] << ", undisturbed " << y[k];
+                return;
+            }
+    }
+}
+
+void sweep(const SweepCase &sc) {
+    SCOPED_TRACE(sc.entry + " [" + sc.variant + "]");
+    sc.make();  // computes the inputs that are made once (stores, weights)
+    const long live0 = zu::live_allocations().total();
+
+    // The undisturbed call: the reference for the call that ends the sweep.
+    std::unique_ptr<CallArgs> ref_args = sc.make();
+    Outcome reference = run(sc.entry, *ref_args);
+    ASSERT_FALSE(reference.threw) << "undisturbed call raised: " << reference.text;
+    // Only the banner prints in an undisturbed call.
+    if (sc.entry != "LgmAbout") {
+        ASSERT_TRUE(reference.messages.empty()) << "undisturbed call printed: " << reference.messages[0];
+    }
+    for (const Value &v : ref_args->vars) reference.refs.push_back(v);
+
+    Row row;
+    const long max_steps = 2000;
+    long k = 1;
+    for (; k <= max_steps; ++k) {
+        const long before = zu::live_allocations().total();
+        bool delivered = false;
+        {
+            std::unique_ptr<CallArgs> c = sc.make();
+            zu::fail_allocation(k);
+            Outcome o = run(sc.entry, *c);
+            delivered = zu::injected_failure_delivered();
+            zu::fail_allocation(0);
+            if (!delivered) {
+                // The sweep is over: this call met no failure and must be an
+                // ordinary successful call.
+                EXPECT_FALSE(o.threw) << "call after the last site raised " << o.text;
+                expect_same_value(o.result, reference.result, "return value");
+                EXPECT_EQ(o.messages, reference.messages);
+                ASSERT_EQ(c->vars.size(), reference.refs.size());
+                for (std::size_t r = 0; r < c->vars.size(); ++r)
+                    expect_same_value(c->vars[r], reference.refs[r], "reference " + std::to_string(r));
+            } else {
+                ++row.sites;
+                bool ok = false;
+                if (o.threw && o.number == zu::kErrorMemory) {
+                    ok = true;
+                    ++row.error4;
+                } else if (o.threw) {
+                    for (const std::string &t : sc.reports.error_texts) ok = ok || o.text == t;
+                    if (ok) ++row.own_text;
+                } else if (!sc.reports.failure_message.empty() && o.messages.size() == 1 &&
+                           o.messages[0] == sc.reports.failure_message) {
+                    ok = sc.reports.kind == Kind::Matrix
+                             ? o.result.is_none()
+                             : (o.result.type() == ZU_INT && o.result.as_int() == 0);
+                    if (ok) ++row.numeric;
+                }
+                if (!ok) {
+                    row.clean = false;
+                    ADD_FAILURE() << "failing allocation " << k << " ended in an undocumented report: "
+                                  << (o.threw ? "error " + std::to_string(o.number) + " \"" + o.text + "\""
+                                              : std::string("no error, result type ") +
+                                                    std::to_string(o.result.type()) + ", " +
+                                                    std::to_string(o.messages.size()) + " message(s)" +
+                                                    (o.messages.empty() ? "" : ": \"" + o.messages[0] + "\""))
+                                  << " (" << kind_name(sc.reports.kind) << " return)";
+                }
+            }
+        }
+        const long after = zu::live_allocations().total();
+        if (after != before) {
+            row.clean = false;
+            ADD_FAILURE() << "failing allocation " << k << " left " << after - before
+                          << " host allocation(s) live";
+        }
+        if (!delivered) break;
+    }
+    EXPECT_LT(k, max_steps) << "sweep did not finish";
+    reference = Outcome();
+    ref_args.reset();
+    EXPECT_EQ(zu::live_allocations().total(), live0);
+    if (::testing::Test::HasFailure()) row.clean = false;
+    table()[sc.entry][sc.variant] = row;
+}
+
+// ------------------------------------------------------------------- cases
+
+std::string psd(const std::string &entry) {
+    return entry + "(): non-positive semi-definite innovation variance matrix";
+}
+
+const std::vector<ModelSpec> &model_specs() {
+    static const std::vector<ModelSpec> specs = {{1, false}, {1, true}, {2, false}, {2, true}};
+    return specs;
+}
+
+std::vector<SweepCase> all_cases() {
+    std::vector<SweepCase> cases;
+    auto add = [&](std::string entry, std::string variant, MakeArgs make, Reports r) {
+        cases.push_back({std::move(entry), std::move(variant), std::move(make), std::move(r)});
+    };
+
+    // Informational entry points: no allocation at all.
+    add("LgmVersion", "", [] { return std::make_unique<CallArgs>(); }, {Kind::None, {}, ""});
+    add("LgmAbout", "", [] { return std::make_unique<CallArgs>(); }, {Kind::None, {}, ""});
+    add("LgmWarning", "on", [] {
+        auto c = std::make_unique<CallArgs>();
+        c->add(Value::integer(1));  // never silence: see test_bad_input.cpp
+        return c;
+    }, {Kind::None, {}, ""});
+
+    for (const ModelSpec &s : model_specs()) {
+        const std::string v = s.name();
+        add("KalmanFil", v, [s] {
+            auto c = std::make_unique<CallArgs>();
+            c->add(observations(s.N));
+            add_model(*c, s);
+            return c;
+        }, {Kind::Matrix, {}, psd("KalmanFil")});
+        for (const char *lik : {"LgmLik", "LgmLikConc"})
+            add(lik, v, [s] {
+                auto c = std::make_unique<CallArgs>();
+                c->ref();
+                c->ref();
+                c->add(observations(s.N));
+                add_model(*c, s);
+                return c;
+            }, {Kind::Flag, {}, psd(lik)});
+        add("LgmRecursion", v, [s] {
+            auto c = std::make_unique<CallArgs>();
+            std::vector<double> u;
+            for (int i = 0; i < s.p() * kTime; ++i) u.push_back(0.1 * ((i * 7) % 5) - 0.2);
+            c->add(mat(s.p(), kTime, u));
+            add_model(*c, s);
+            return c;
+        }, {Kind::Matrix, {}, ""});
+        // Filter store and simulation smoother weights, computed by an
+        // undisturbed call the first time the arguments are made.
+        auto store = std::make_shared<Value>();
+        auto weights = std::make_shared<Value>();
+        auto get_store = [s, store]() -> const Value & {
+            if (store->is_none()) *store = store_of(s);
+            return *store;
+        };
+        auto get_weights = [s, weights]() -> const Value & {
+            if (weights->is_none()) *weights = weights_of(s);
+            return *weights;
+        };
+        add("KalmanSmo", v, [s, get_store] {
+            auto c = std::make_unique<CallArgs>();
+            c->add(get_store());
+            add_model(*c, s);
+            return c;
+        }, {Kind::Matrix, {}, ""});
+        for (int sel : {0, 5, 1, 3})
+            add("LgmMomentEst", v + ",sel=" + std::to_string(sel), [s, sel] {
+                auto c = std::make_unique<CallArgs>();
+                c->add(Value::integer(sel));
+                c->ref();
+                c->add(observations(s.N));
+                add_model(*c, s);
+                return c;
+            }, {Kind::Matrix, {}, psd("LgmMomentEst")});
+        for (int refs : {2, 3})
+            add("LgmLikSco", v + "," + std::to_string(refs) + " refs", [s, refs] {
+                auto c = std::make_unique<CallArgs>();
+                for (int r = 0; r < refs; ++r) c->ref(Value::real(-7.0));
+                c->add(observations(s.N));
+                add_model(*c, s);
+                return c;
+            }, {Kind::Flag, {"LgmLikSco(): memory allocation failure"},
+                "LgmLikSco(): non-positive semi-definite innovation matrix"});
+        add("SimSmoWgt", v, [s, get_store] {
+            auto c = std::make_unique<CallArgs>();
+            c->add(state_selection(s));
+            c->add(get_store());
+            add_model(*c, s);
+            return c;
+        }, {Kind::Flag, {}, "SimSmoWgt(): choleski decomposition failed"});
+        add("SimSmoDraw", v, [s, get_store, get_weights] {
+            auto c = std::make_unique<CallArgs>();
+            c->add(state_selection(s));
+            c->add(draws(s.m()));
+            c->add(get_weights());
+            c->add(get_store());
+            add_model(*c, s);
+            return c;
+        }, {Kind::Matrix, {}, ""});
+        for (int sel = 1; sel <= 4; ++sel)
+            add("LgmCondDens", v + ",sel=" + std::to_string(sel), [s, sel] {
+                auto c = std::make_unique<CallArgs>();
+                c->add(Value::integer(sel));
+                c->add(observations(s.N));
+                add_model(*c, s);
+                return c;
+            }, {Kind::Matrix, {}, psd("LgmCondDens")});
+        for (int sel : {0, 5, 1, 3})
+            add("LgmWeights", v + ",sel=" + std::to_string(sel), [s, sel] {
+                auto c = std::make_unique<CallArgs>();
+                c->add(Value::integer(sel));
+                std::vector<double> marker(static_cast<std::size_t>(s.N) * kTime, 0.0);
+                marker[static_cast<std::size_t>(s.N - 1) * kTime + 5] = 1.0;
+                c->add(mat(s.N, kTime, marker));
+                add_model(*c, s);
+                return c;
+            }, {Kind::Flag, {"LgmWeights(): unknown error"}, ""});
+    }
+
+    // Model builders.
+    add("GetLgmArma", "ARMA(2,1)", [] {
+        auto c = std::make_unique<CallArgs>();
+        c->add(mat(1, 2, {0.5, -0.2}));
+        c->add(mat(1, 1, {0.3}));
+        c->add(Value::real(1.5));
+        for (int r = 0; r < 3; ++r) c->ref();
+        return c;
+    }, {Kind::Flag, {"GetLgmArma(): memory allocation failure"}, "GetLgmArma(): system error"});
+    add("GetLgmStsm", "trend,cycle,Butterworth,irregular", [] {
+        auto c = std::make_unique<CallArgs>();
+        c->add(mat(4, 5, {0, 1, 0, 0, 0, 6, 1, 0.5, 0.5, 2, 7, 1, 0.3, 0.8, 0, 19, 1, 0, 0, 0}));
+        for (int r = 0; r < 3; ++r) c->ref();
+        return c;
+    }, {Kind::Matrix, {"GetLgmStsm(): memory allocation failure",
+                       // a scratch allocation failure inside the builder routine
+                       "GetLgmStsm(): no correct model specified in argument 1"}, ""});
+    add("GetLgmReg", "k=2", [] {
+        auto c = std::make_unique<CallArgs>();
+        c->add(mat(2, 3, {1, 2, 3, 4, 5, 6}));
+        for (int r = 0; r < 4; ++r) c->ref();
+        return c;
+    }, {Kind::Flag, {"GetLgmReg(): memory allocation failure"}, ""});
+    add("AddLgmReg", "onto level", [] {
+        auto c = std::make_unique<CallArgs>();
+        c->add(mat(2, 3, {1, 2, 3, 4, 5, 6}));
+        c->ref(mat(2, 1, {1, 1}));
+        c->ref(mat(2, 2, {1, 0, 0, 2}));
+        c->ref(mat(2, 1, {-1, 0}));
+        c->ref(Value::empty());
+        return c;
+    }, {Kind::None, {}, ""});
+    add("GetLgmSpline", "8 args", [] {
+        auto c = std::make_unique<CallArgs>();
+        c->add(Value::real(0.5));
+        c->add(mat(1, 4, {1, 2, 0.5, 3}));
+        for (int r = 0; r < 6; ++r) c->ref();
+        return c;
+    }, {Kind::Flag, {}, ""});
+    return cases;
+}
+
+// Prints the table once every sweep has run.
+class SweepTable : public ::testing::Environment {
+public:
+    void TearDown() override {
+        if (table().empty()) return;
+        std::printf("\nAllocation-failure sweep (sites = allocations failed one at a time; "
+                    "reports: host error 4 / own text / numeric-failure report)\n");
+        std::printf("%-14s %-28s %6s %8s %5s %5s  %s\n", "entry point", "variant", "sites", "error 4",
+                    "text", "num", "clean");
+        long total_sites = 0;
+        for (const auto &entry : table())
+            for (const auto &variant : entry.second) {
+                const Row &r = variant.second;
+                total_sites += r.sites;
+                std::printf("%-14s %-28s %6ld %8ld %5ld %5ld  %s\n", entry.first.c_str(),
+                            variant.first.c_str(), r.sites, r.error4, r.own_text, r.numeric,
+                            r.clean ? "yes" : "NO");
+            }
+        std::printf("%zu entry points, %ld failed allocations checked\n\n", table().size(), total_sites);
+    }
+};
+::testing::Environment *const sweep_table_env = ::testing::AddGlobalTestEnvironment(new SweepTable);
+
+// Built once, when the tests are registered; nothing is called then (the
+// library is loaded by the first sweep).
+const std::vector<SweepCase> &cases() {
+    static const std::vector<SweepCase> c = all_cases();
+    return c;
+}
+
+class AllocationSweep : public ::testing::TestWithParam<std::size_t> {};
+
+TEST_P(AllocationSweep, EveryFailureEndsInADocumentedReportAndLeavesNothing) {
+    sweep(cases().at(GetParam()));
+}
+
+std::string case_name(const ::testing::TestParamInfo<std::size_t> &info) {
+    const SweepCase &c = cases().at(info.param);
+    std::string s = c.entry + "_" + c.variant;
+    for (char &ch : s)
+        if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
+    return s + "_" + std::to_string(info.param);
+}
+
+INSTANTIATE_TEST_SUITE_P(EveryEntryPoint, AllocationSweep,
+                         ::testing::Range<std::size_t>(0, cases().size()), case_name);
+
+// The table must name all nineteen entry points; a new entry point without a
+// sweep case shows up here.
+TEST(AllocationSweepCoverage, EveryEntryPointHasACase) {
+    std::set<std::string> covered;
+    for (const SweepCase &c : cases()) covered.insert(c.entry);
+    const std::set<std::string> all = {
+        "LgmVersion", "LgmAbout",   "LgmWarning", "KalmanFil",   "LgmLik",      "LgmLikConc",
+        "LgmRecursion", "KalmanSmo", "LgmMomentEst", "LgmLikSco", "SimSmoWgt", "SimSmoDraw",
+        "LgmCondDens", "LgmWeights", "GetLgmArma", "GetLgmStsm", "GetLgmReg", "AddLgmReg",
+        "GetLgmSpline"};
+    EXPECT_EQ(covered, all);
+}
+
+}  // namespace
