@@ -12,7 +12,7 @@ Every function checks its arguments, calls the library through
 
 import warnings
 from dataclasses import dataclass
-from typing import Any, Optional
+from typing import Any
 
 import numpy as np
 
@@ -40,7 +40,10 @@ class _Data:
         self.index, self.columns, self.pandas = None, None, False
         if isinstance(y, pd.Series):
             self.index, self.columns, self.pandas = y.index, [y.name if y.name is not None else "y"], True
-            y = y.to_numpy(dtype=float, na_value=np.nan)
+            try:
+                y = y.to_numpy(dtype=float, na_value=np.nan)
+            except (TypeError, ValueError):
+                raise ModelError(f"{name}: the series must be numeric") from None
         elif isinstance(y, pd.DataFrame):
             self.index, self.columns, self.pandas = y.index, list(y.columns), True
             try:

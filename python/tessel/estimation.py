@@ -83,19 +83,6 @@ class _Param:
             return math.tanh(th)
         return th
 
-    def dnatural(self, th):
-        if self.kind == _LOG_SD:
-            return 2 * math.exp(2 * th)
-        if self.kind == "unit":
-            s = 1.0 / (1.0 + math.exp(-th))
-            return s * (1 - s)
-        if self.kind == "freq":
-            s = 1.0 / (1.0 + math.exp(-th))
-            return math.pi * s * (1 - s)
-        if self.kind == "corr":
-            return 1.0 - math.tanh(th) ** 2
-        return 1.0
-
     def bounds(self, scale):
         if self.kind == _LOG_SD:
             return (math.log(scale) - 12.0, math.log(scale) + 6.0)

@@ -472,6 +472,7 @@ def test_invalid_calls_raise_and_leave_arrays_alone():
         (lambda: tessel.loglik(np.array([1.0, np.inf]), model), "infinite"),
         (lambda: tessel.loglik(np.array([]), model), "no time points"),
         (lambda: tessel.loglik(["a", "b"], model), "array of numbers"),
+        (lambda: tessel.loglik(pd.Series(["a", "b"]), model), "must be numeric"),
         (lambda: tessel.loglik(y, "model"), "expected a tessel.Model"),
         (lambda: tessel.smoothed(y, tessel.regression(np.ones(3))), "tvdata has 3 columns"),
         (lambda: tessel.conditional_density(y, model, target="signal"), "target must be"),

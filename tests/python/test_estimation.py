@@ -231,3 +231,28 @@ def test_progress_reports_each_iteration(nile):
     # the accepted points never lose likelihood by more than rounding
     lls = np.array([ll for _, ll in seen])
     assert np.all(np.diff(lls) > -1e-8)
+
+
+def test_plots_are_drawn_headless(nile_fit, tmp_path):
+    """The fit plot has one panel per component besides the level and
+    shows the forecasts; the forecast plot saves a PNG; an ARMA fit (no
+    components) plots its smoothed signal."""
+    import matplotlib
+    matplotlib.use("Agg")
+    import matplotlib.pyplot as plt
+    from tessel.plotting import plot_forecast
+    fc = nile_fit.forecast(5)
+    fig = nile_fit.plot(tmp_path / "fit.png", forecast=fc)
+    assert len(fig.axes) == 2                       # level (+ data, forecasts), irregular
+    labels = [t.get_text() for t in fig.axes[0].get_legend().get_texts()]
+    assert labels == ["data", "smoothed level", "95% band", "forecast", "95% interval"]
+    assert fig.axes[1].get_ylabel() == "irregular" and fig.axes[1].get_xlabel() == "year"
+    plt.close(fig)
+    fig = plot_forecast(nile_fit, fc, tmp_path / "fc.png", history=30)
+    plt.close(fig)
+    assert (tmp_path / "fc.png").read_bytes()[:4] == b"\x89PNG"
+    arma = tessel.fit(tessel.load_example("nile"), tessel.ARMA(1, 0))
+    fig = arma.plot(tmp_path / "arma.png")
+    assert len(fig.axes) == 1
+    plt.close(fig)
+    assert (tmp_path / "arma.png").stat().st_size > 10000
