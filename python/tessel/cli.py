@@ -34,7 +34,7 @@ class UsageError(Exception):
 
 def parse_model(text):
     """'level,slope,seasonal=12,irregular' -> list of components, or
-    'arma=2,1' -> ARMA spec."""
+    'arma=2,1' -> ARMA structure."""
     import tessel
     if not text or not text.strip():
         raise UsageError("--model: empty model")
@@ -109,7 +109,7 @@ def _progress(it, ll):
     print(f"  iteration {it:4d}   log-likelihood {ll:14.6f}", file=sys.stderr, flush=True)
 
 
-def run_fit(series, spec, out, forecast=0, quiet=False, title=None):
+def run_fit(series, structure, out, forecast=0, quiet=False, title=None):
     """Fit, print the report, write the files; returns the FitResult."""
     import tessel
     out = Path(out)
@@ -120,7 +120,7 @@ def run_fit(series, spec, out, forecast=0, quiet=False, title=None):
     if not quiet:
         print(f"tessel: fitting {title or series.name} ({len(series)} time points) by maximum "
               "likelihood", file=sys.stderr, flush=True)
-    res = tessel.fit(series, spec, progress=None if quiet else _progress)
+    res = tessel.fit(series, structure, progress=None if quiet else _progress)
     summary = res.summary()
     print(summary)
     files = []
@@ -150,7 +150,7 @@ def run_fit(series, spec, out, forecast=0, quiet=False, title=None):
 
 def _cmd_fit(args):
     from .data import read_series
-    spec = parse_model(args.model)
+    structure = parse_model(args.model)
     path = Path(args.data)
     if not path.is_file():
         raise UsageError(f"{path}: no such file")
@@ -158,7 +158,7 @@ def _cmd_fit(args):
     if args.forecast < 0:
         raise UsageError("--forecast: H must not be negative")
     out = args.out or f"tessel-{path.stem}"
-    run_fit(series, spec, out, args.forecast, args.quiet, title=f"{path.name}:{series.name}")
+    run_fit(series, structure, out, args.forecast, args.quiet, title=f"{path.name}:{series.name}")
     return 0
 
 

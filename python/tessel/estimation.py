@@ -102,9 +102,9 @@ def _pacf_to_coef(r):
 
 
 class _Problem:
-    """The map theta -> Model for one specification and data set."""
+    """The map theta -> Model for one model structure and data set."""
 
-    def __init__(self, spec, data, exog):
+    def __init__(self, structure, data, exog):
         self.data = data
         y = data.values[0]
         obs = y[~np.isnan(y)]
@@ -113,25 +113,25 @@ class _Problem:
         dy = np.diff(obs)
         self.scale = float(np.std(obs)) or 1.0
         self.user_exog = exog          # n x k regressors given by the caller, or None
-        self.constant = isinstance(spec, ARMA) and spec.constant
+        self.constant = isinstance(structure, ARMA) and structure.constant
         self.exog = self.design(exog, data.n)
         self.params = []
         self.start = []
-        if isinstance(spec, ARMA):
+        if isinstance(structure, ARMA):
             self.kind = "arma"
-            self.spec = spec
-            for i in range(spec.p):
+            self.structure = structure
+            for i in range(structure.p):
                 self.params.append(_Param(f"ar.L{i + 1}", "corr", -1, "", False))
                 self.start.append(0.0)
-            for i in range(spec.q):
+            for i in range(structure.q):
                 self.params.append(_Param(f"ma.L{i + 1}", "corr", -1, "", False))
                 self.start.append(0.0)
             self.params.append(_Param("sigma2", _LOG_SD, -1, "", False))
             self.start.append(math.log(self.scale))
-            self.label = f"ARMA({spec.p},{spec.q})" + (" with constant" if spec.constant else "")
+            self.label = f"ARMA({structure.p},{structure.q})" + (" with constant" if structure.constant else "")
         else:
             self.kind = "structural"
-            comps = C.check_components(spec)
+            comps = C.check_components(structure)
             self.comps = comps
             names = C.component_names(comps)
             nvar = sum(1 for c in comps if c.sigma is None)
@@ -169,7 +169,7 @@ class _Problem:
         """The reported parameters: variances, damping factors, frequencies,
         AR coefficients; for ARMA the AR and MA coefficients and sigma^2."""
         if self.kind == "arma":
-            sp = self.spec
+            sp = self.structure
             ar = _pacf_to_coef(np.tanh(theta[:sp.p]))
             ma = -_pacf_to_coef(np.tanh(theta[sp.p:sp.p + sp.q]))
             return np.r_[ar, ma, math.exp(2 * theta[-1])]
@@ -198,7 +198,7 @@ class _Problem:
     def model(self, theta, exog=None):
         exog = self.exog if exog is None else exog
         if self.kind == "arma":
-            sp = self.spec
+            sp = self.structure
             ar = _pacf_to_coef(np.tanh(theta[:sp.p]))
             ma = -_pacf_to_coef(np.tanh(theta[sp.p:sp.p + sp.q]))
             sigma = math.exp(theta[-1])
@@ -568,10 +568,10 @@ class FitResult:
 # -------------------------------------------------------------------- fit
 
 
-def fit(y, spec, exog=None, maxiter=500, progress=None, tol=1e-9):
+def fit(y, structure, exog=None, maxiter=500, progress=None, tol=1e-9):
     """Estimate a model by maximum likelihood.
 
-    ``spec``: a list of structural components (parameters left as None are
+    ``structure``: a list of structural components (parameters left as None are
     estimated; fixed values stay), or :class:`ARMA` orders. ``exog``:
     regressors (n x k), added as regression effects in front of the model.
     ``progress``: None, True (print iterations and log-likelihood to
@@ -596,14 +596,14 @@ def fit(y, spec, exog=None, maxiter=500, progress=None, tol=1e-9):
         raise ModelError(f"fit: maxiter must be a positive int, got {maxiter!r}")
     if not (progress is None or progress is True or progress is False or callable(progress)):
         raise ModelError("fit: progress must be None, True or a callable(iteration, loglik)")
-    if not isinstance(spec, ARMA):
-        comps = C.check_components(spec)
+    if not isinstance(structure, ARMA):
+        comps = C.check_components(structure)
         if not any(c.sigma is None or any(getattr(c, a) is None for a in c.free_parameters)
                    for c in comps):
             raise ModelError("fit: nothing to estimate (every parameter is fixed)")
-        spec = comps
-    prob = _Problem(spec, data, X)
-    prob.exog_names = (["const"] if isinstance(spec, ARMA) and spec.constant else []) + xnames
+        structure = comps
+    prob = _Problem(structure, data, X)
+    prob.exog_names = (["const"] if isinstance(structure, ARMA) and structure.constant else []) + xnames
     if not prob.params:
         raise ModelError("fit: nothing to estimate")
     nobs_eff = max(int(np.sum(~np.isnan(data.values))), 1)
@@ -673,10 +673,10 @@ def fit(y, spec, exog=None, maxiter=500, progress=None, tol=1e-9):
     params = pd.DataFrame({"estimate": est, "std.error": se, "theta": theta,
                            "theta.std.error": se_theta, "at_bound": at_bound},
                           index=[p.name for p in prob.params])
-    fitted_spec = prob.components(theta) if prob.kind == "structural" else prob.spec
+    fitted_structure = prob.components(theta) if prob.kind == "structural" else prob.structure
     return FitResult(
         label=prob.label, model=model, params=params, loglik=float(ll), k=k, d=model.diffuse,
         nobs=int(np.sum(~np.isnan(data.values))), n=data.n, converged=bool(res.success),
         message=str(res.message), iterations=int(res.nit), theta=theta, cov_theta=cov,
-        components_spec=fitted_spec, data=data, exog=prob.exog,
+        components_spec=fitted_structure, data=data, exog=prob.exog,
         exog_names=prob.exog_names or None, _problem=prob)

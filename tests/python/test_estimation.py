@@ -144,9 +144,9 @@ def test_score_gradient_equals_numerical_gradient_at_random_parameters():
     rng = np.random.default_rng(77)
     y = _simulate_bsm(rng, 120, 0.5, 0.1, 0.4, 1.0)
     y[[10, 11, 50]] = np.nan
-    spec = [tessel.Level(), tessel.DummySeasonal(4), tessel.Cycle(), tessel.AR1(), tessel.Irregular()]
+    structure = [tessel.Level(), tessel.DummySeasonal(4), tessel.Cycle(), tessel.AR1(), tessel.Irregular()]
     data = tessel.analysis._Data(y)
-    prob = estimation._Problem(spec, data, None)
+    prob = estimation._Problem(structure, data, None)
     analytic = [p.analytic for p in prob.params]
     assert sum(analytic) == 3 and len(analytic) == 8      # level, seasonal, irregular
     for _ in range(5):

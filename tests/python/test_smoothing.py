@@ -146,30 +146,30 @@ MODELS = {
 
 
 def build(name, extra_missing=()):
-    spec = MODELS[name]()
-    model = StateSpace(spec["sys"], spec["var"], init=spec.get("init"), mean=spec.get("mean"),
-                       sysidx=spec.get("sysidx"), varidx=spec.get("varidx"),
-                       tvdata=spec.get("tvdata"))
-    rng = np.random.default_rng(spec["seed"])
+    structure = MODELS[name]()
+    model = StateSpace(structure["sys"], structure["var"], init=structure.get("init"), mean=structure.get("mean"),
+                       sysidx=structure.get("sysidx"), varidx=structure.get("varidx"),
+                       tvdata=structure.get("tvdata"))
+    rng = np.random.default_rng(structure["seed"])
     _, y = simulate(model, N_TIME, rng)
-    for i, t in list(spec["missing"]) + list(extra_missing):
+    for i, t in list(structure["missing"]) + list(extra_missing):
         y[i, t] = np.nan
-    return spec, model, y
+    return structure, model, y
 
 
-def model_args(spec):
+def model_args(structure):
     """The model block after the data argument, as the library takes it."""
-    args = [spec["sys"], spec["var"], spec.get("init", tessel.EMPTY),
-            spec.get("mean", tessel.EMPTY)]
-    if "tvdata" in spec:
-        args += [spec.get("sysidx", tessel.EMPTY), spec.get("varidx", tessel.EMPTY),
-                 tessel.EMPTY, spec["tvdata"]]
+    args = [structure["sys"], structure["var"], structure.get("init", tessel.EMPTY),
+            structure.get("mean", tessel.EMPTY)]
+    if "tvdata" in structure:
+        args += [structure.get("sysidx", tessel.EMPTY), structure.get("varidx", tessel.EMPTY),
+                 tessel.EMPTY, structure["tvdata"]]
     return args
 
 
-def moments(selection, spec, y):
+def moments(selection, structure, y):
     ref = tessel.Ref()
-    ret = tessel.call("LgmMomentEst", selection, ref, y, *model_args(spec))
+    ret = tessel.call("LgmMomentEst", selection, ref, y, *model_args(structure))
     return ref.value, ret
 
 
@@ -177,13 +177,13 @@ def moments(selection, spec, y):
 
 @pytest.mark.parametrize("name", list(MODELS))
 def test_smoothed_states_and_signals_equal_the_oracle(name):
-    spec, model, y = build(name)
+    structure, model, y = build(name)
     ora = Oracle(model, y)
     m, N = model.m, model.N
-    mom, ret = moments(1, spec, y)
+    mom, ret = moments(1, structure, y)
     a, P = ora.smoothed_states()
     s, sv = ora.signals("smoothed")
-    tol = spec["tol"]
+    tol = structure["tol"]
     assert_close(mom[:m], a, tol, "smoothed state")
     assert_close(mom[m:m + N], s, tol, "smoothed signal")
     # Absolute rounding floor at t = 0 for diffuse starts (see the module notes).
@@ -194,8 +194,8 @@ def test_smoothed_states_and_signals_equal_the_oracle(name):
         assert_close(mom[2 * m + N:, cols], diag_rows(sv)[:, cols], t, "smoothed signal variance")
     # The return value is N(-1) over r(-1)': the same cumulant that KalmanSmo
     # leaves in its start column.
-    store = tessel.call("KalmanFil", y, *model_args(spec))
-    smo = tessel.call("KalmanSmo", store, *model_args(spec))
+    store = tessel.call("KalmanFil", y, *model_args(structure))
+    smo = tessel.call("KalmanSmo", store, *model_args(structure))
     assert_close(ret[m], smo[:m, 0], 1e-12, "r before the first time point")
     assert_close(np.diag(ret[:m]), smo[m + N:2 * m + N, 0], 1e-12,
                  "diag N before the first time point")
@@ -203,13 +203,13 @@ def test_smoothed_states_and_signals_equal_the_oracle(name):
 
 @pytest.mark.parametrize("name", list(MODELS))
 def test_smoothed_disturbances_and_variance_reductions_equal_the_oracle(name):
-    spec, model, y = build(name)
+    structure, model, y = build(name)
     ora = Oracle(model, y)
     p = model.p
-    mom, _ = moments(3, spec, y)
+    mom, _ = moments(3, structure, y)
     mean, _, red = ora.smoothed_disturbances()
-    assert_close(mom[:p], mean, spec["tol"], "smoothed disturbance mean")
-    assert_close(mom[p:], diag_rows(red), spec["tol"], "disturbance variance reduction")
+    assert_close(mom[:p], mean, structure["tol"], "smoothed disturbance mean")
+    assert_close(mom[p:], diag_rows(red), structure["tol"], "disturbance variance reduction")
 
 
 @pytest.mark.parametrize("name", list(MODELS))
@@ -217,16 +217,16 @@ def test_kalman_smo_cumulant_reproduces_the_oracle_smoothed_states(name):
     """a^(t) = a(t) + P(t) r(t-1): the oracle's predicted moments combined
     with KalmanSmo's r give the oracle's smoothed states; column t of the
     output holds r(t-1) (column 0 the cumulant before the first point)."""
-    spec, model, y = build(name)
+    structure, model, y = build(name)
     ora = Oracle(model, y)
     m, n = model.m, N_TIME
-    store = tessel.call("KalmanFil", y, *model_args(spec))
-    smo = tessel.call("KalmanSmo", store, *model_args(spec))
+    store = tessel.call("KalmanFil", y, *model_args(structure))
+    smo = tessel.call("KalmanSmo", store, *model_args(structure))
     assert smo.shape == (2 * model.p, n + 1)
     a, P = ora.predicted_states()
     rebuilt = np.stack([a[:, t] + P[t] @ smo[:m, t] for t in range(n)], axis=1)
     a_s, V = ora.smoothed_states()
-    tol = spec["tol"]
+    tol = structure["tol"]
     assert_close(rebuilt, a_s, tol, "a(t) + P(t) r(t-1)")
     if m == 1:
         # V(t) = P(t) - P(t)^2 N(t-1), from t = 1 (t = 0 is at the rounding
@@ -290,18 +290,18 @@ def test_whole_vector_missing_propagates_nan_backwards_in_multivariate_smoothers
     r before it are NaN (kept deliberately). Means at times <= t0 are NaN;
     means after t0 and all variances are still those of the oracle."""
     t0 = 4
-    spec, model, y = build("multivariate_correlated_proper", extra_missing=[(0, t0), (1, t0)])
+    structure, model, y = build("multivariate_correlated_proper", extra_missing=[(0, t0), (1, t0)])
     ora = Oracle(model, y)
     m, N, p = model.m, model.N, model.p
 
-    store = tessel.call("KalmanFil", y, *model_args(spec))
-    smo = tessel.call("KalmanSmo", store, *model_args(spec))
+    store = tessel.call("KalmanFil", y, *model_args(structure))
+    smo = tessel.call("KalmanSmo", store, *model_args(structure))
     assert np.all(np.isnan(smo[m:m + N, t0 + 1]))          # u(t0)
     assert np.all(np.isnan(smo[:m, :t0 + 1]))              # r(t) for t < t0
     assert np.all(np.isfinite(smo[:, t0 + 2:]))            # later columns unaffected
     assert np.all(np.isfinite(smo[m + N:2 * m + N]))       # N(t) never NaN
 
-    mom, ret = moments(1, spec, y)
+    mom, ret = moments(1, structure, y)
     a, P = ora.smoothed_states()
     expect = a.copy()
     expect[:, :t0 + 1] = np.nan
@@ -309,7 +309,7 @@ def test_whole_vector_missing_propagates_nan_backwards_in_multivariate_smoothers
     assert_close(mom[m + N:2 * m + N], diag_rows(P), TOL, "smoothed state variance")
     assert np.all(np.isnan(ret[m]))  # r(-1)
 
-    mom3, _ = moments(3, spec, y)
+    mom3, _ = moments(3, structure, y)
     mean, _, red = ora.smoothed_disturbances()
     expect = mean.copy()
     expect[:, :t0 + 1] = np.nan
@@ -318,8 +318,8 @@ def test_whole_vector_missing_propagates_nan_backwards_in_multivariate_smoothers
 
 
 def test_whole_missing_single_series_does_not_propagate_nan():
-    spec, model, y = build("univariate_correlated_proper", extra_missing=[(0, 3)])
-    mom, _ = moments(1, spec, y)
+    structure, model, y = build("univariate_correlated_proper", extra_missing=[(0, 3)])
+    mom, _ = moments(1, structure, y)
     a, _ = Oracle(model, y).smoothed_states()
     assert_close(mom[:2], a, TOL, "smoothed state")
 
@@ -328,14 +328,14 @@ def test_whole_missing_single_series_does_not_propagate_nan():
 
 @pytest.mark.parametrize("name", list(MODELS))
 def test_predicted_moments_equal_the_oracle(name):
-    spec, model, y = build(name)
+    structure, model, y = build(name)
     ora = Oracle(model, y)
     m, N, n = model.m, model.N, N_TIME
-    mom, ret = moments(0, spec, y)
+    mom, ret = moments(0, structure, y)
     a, P = ora.predicted_states()
     s, _ = ora.signals("predicted", intercept=True)
     _, F, _, _ = ora.innovations()
-    tol = spec["tol"]
+    tol = structure["tol"]
     assert_close(mom[:m], a[:, :n], tol, "predicted state")
     assert_close(mom[m:m + N], s, tol, "predicted observation")
     assert_close(mom[m + N:2 * m + N], diag_rows(P[:n]), tol, "predicted state variance")
@@ -350,21 +350,21 @@ def test_univariate_filtered_moments_equal_the_oracle(name):
     """Models with T = I, where the single-series state variance formula
     (P Z')_k F^-1 (Z P T')_k is the textbook one. The observation rows are the
     filtered signal (with intercept) and its variance plus GG'."""
-    spec, model, y = build(name)
+    structure, model, y = build(name)
     ora = Oracle(model, y)
     m, n = model.m, N_TIME
-    mom, ret = moments(5, spec, y)
+    mom, ret = moments(5, structure, y)
     a, P = ora.filtered_states()
     s, sv = ora.signals("filtered", intercept=True)
     gg = np.array([model.system(t)[2][m, m] for t in range(n)])
-    tol = spec["tol"]
+    tol = structure["tol"]
     assert_close(mom[:m], a, tol, "filtered state")
     assert_close(mom[m + 1:2 * m + 1], diag_rows(P), tol, "filtered state variance")
     assert_close(mom[m], s[0], tol, "filtered observation")
     # At a missing time point nothing is filtered: F stays the predicted one,
     # which is Var(signal) + GG' as well.
     assert_close(mom[2 * m + 1], sv[:, 0, 0] + gg, tol, "filtered observation variance")
-    _, pred_ret = moments(0, spec, y)
+    _, pred_ret = moments(0, structure, y)
     np.testing.assert_array_equal(ret, pred_ret)
 
 
@@ -373,10 +373,10 @@ def test_univariate_filtered_state_variance_uses_Z_P_T_not_textbook_Z_P():
     from P_kk, not the textbook (P Z')_k^2 / F. The documented formula is
     checked against oracle moments, and it differs from the textbook value
     here; the filtered means are textbook."""
-    spec, model, y = build("univariate_correlated_proper")
+    structure, model, y = build("univariate_correlated_proper")
     ora = Oracle(model, y)
     m, n = model.m, N_TIME
-    mom, _ = moments(5, spec, y)
+    mom, _ = moments(5, structure, y)
     a_pred, P = ora.predicted_states()
     _, F, _, _ = ora.innovations()
     a_fil, P_fil = ora.filtered_states()
@@ -395,13 +395,13 @@ def test_univariate_filtered_state_variance_uses_Z_P_T_not_textbook_Z_P():
 
 @pytest.mark.parametrize("name", ["multivariate_correlated_proper", "multivariate_diffuse_time_varying"])
 def test_multivariate_filtered_means_and_state_variances_equal_the_oracle(name):
-    spec, model, y = build(name)
+    structure, model, y = build(name)
     ora = Oracle(model, y)
     m, N = model.m, model.N
-    mom, _ = moments(5, spec, y)
+    mom, _ = moments(5, structure, y)
     a, P = ora.filtered_states()
     s, _ = ora.signals("filtered", intercept=True)
-    tol = spec["tol"]
+    tol = structure["tol"]
     assert_close(mom[:m], a, tol, "filtered state")
     assert_close(mom[m:m + N], s, tol, "filtered observation")
     assert_close(mom[m + N:2 * m + N], diag_rows(P), tol, "filtered state variance")
@@ -413,12 +413,12 @@ def test_multivariate_filtered_observation_variance_reads_state_block_not_textbo
     top-left (state) corner, i.e. T P T' here (N <= m), where the textbook
     quantity reads Z P Z'. Checked against that formula from oracle moments,
     on a model where the two differ."""
-    spec, model, y = build("multivariate_correlated_proper")
+    structure, model, y = build("multivariate_correlated_proper")
     y = y.copy()
     y[:, :] = np.where(np.isnan(y), 0.5, y)  # no missing values: F^-1 is the full inverse
     ora = Oracle(model, y)
     m, N, n = model.m, model.N, N_TIME
-    mom, _ = moments(5, spec, y)
+    mom, _ = moments(5, structure, y)
     _, P = ora.predicted_states()
     _, F, _, _ = ora.innovations()
     documented = np.zeros((N, n))
@@ -452,9 +452,9 @@ def test_score_is_twice_the_numerical_derivative_of_the_loglikelihood(name):
     compared with twice the derivative with respect to each half of the pair.
     Central differences with h = 1e-5: truncation error ~h^2 |L'''| ~1e-10,
     rounding ~1e-16 |L| / h ~1e-10; tolerance 1e-6 (relative to max(1, |S|))."""
-    spec, model, y = build(name)
+    structure, model, y = build(name)
     ll, s2, S = tessel.Ref(), tessel.Ref(), tessel.Ref()
-    assert tessel.call("LgmLikSco", ll, s2, S, y, *model_args(spec)) == 1
+    assert tessel.call("LgmLikSco", ll, s2, S, y, *model_args(structure)) == 1
     S = S.value
     np.testing.assert_array_equal(S, S.T)
     assert ll.value == pytest.approx(Oracle(model, y).loglik()[0], rel=1e-12)
@@ -463,24 +463,24 @@ def test_score_is_twice_the_numerical_derivative_of_the_loglikelihood(name):
     numeric = np.zeros((p, p))
     for i in range(p):
         for j in range(i, p):
-            up, down = spec["var"].copy(), spec["var"].copy()
+            up, down = structure["var"].copy(), structure["var"].copy()
             up[i, j] += h
             down[i, j] -= h
             if i != j:
                 up[j, i] += h
                 down[j, i] -= h
-            d = (loglik(y, spec["sys"], up, spec["init"], spec["mean"]) -
-                 loglik(y, spec["sys"], down, spec["init"], spec["mean"])) / (2 * h)
+            d = (loglik(y, structure["sys"], up, structure["init"], structure["mean"]) -
+                 loglik(y, structure["sys"], down, structure["init"], structure["mean"])) / (2 * h)
             numeric[i, j] = numeric[j, i] = 2 * d if i == j else d
     assert_close(S, numeric, 1e-6, "score vs numerical derivative")
 
 
 def test_score_two_and_three_reference_forms_agree():
-    spec, model, y = build("multivariate_correlated_proper")
+    structure, model, y = build("multivariate_correlated_proper")
     ll3, s2, S3 = tessel.Ref(), tessel.Ref(), tessel.Ref()
     ll2, S2 = tessel.Ref(), tessel.Ref()
-    assert tessel.call("LgmLikSco", ll3, s2, S3, y, *model_args(spec)) == 1
-    assert tessel.call("LgmLikSco", ll2, S2, y, *model_args(spec)) == 1
+    assert tessel.call("LgmLikSco", ll3, s2, S3, y, *model_args(structure)) == 1
+    assert tessel.call("LgmLikSco", ll2, S2, y, *model_args(structure)) == 1
     np.testing.assert_array_equal(S2.value, S3.value)
     assert ll2.value == ll3.value
     _, scale, _ = Oracle(model, y).loglik()
@@ -490,19 +490,19 @@ def test_score_two_and_three_reference_forms_agree():
 # ------------------------------------------------ entry point behaviour
 
 def test_moments_passed_by_value_still_give_the_return_value():
-    spec, model, y = build("univariate_correlated_proper")
-    by_ref, ret_ref = moments(1, spec, y)
-    ret = tessel.call("LgmMomentEst", 1, 0, y, *model_args(spec))
+    structure, model, y = build("univariate_correlated_proper")
+    by_ref, ret_ref = moments(1, structure, y)
+    ret = tessel.call("LgmMomentEst", 1, 0, y, *model_args(structure))
     np.testing.assert_array_equal(ret, ret_ref)
-    ret = tessel.call("LgmMomentEst", 0, np.zeros((2, 2)), y, *model_args(spec))
+    ret = tessel.call("LgmMomentEst", 0, np.zeros((2, 2)), y, *model_args(structure))
     assert ret.shape == (3, 2)
 
 
 @pytest.mark.parametrize("selection", [2, 4, -1, 6])
 def test_invalid_selection_is_refused(selection):
-    spec, _, y = build("univariate_correlated_proper")
+    structure, _, y = build("univariate_correlated_proper")
     with pytest.raises(tessel.ZuError) as err:
-        tessel.call("LgmMomentEst", selection, tessel.Ref(), y, *model_args(spec))
+        tessel.call("LgmMomentEst", selection, tessel.Ref(), y, *model_args(structure))
     assert str(err.value) == "LgmMomentEst(): no valid selection in first argument"
 
 

@@ -83,18 +83,18 @@ def multivariate_model():
 MODELS = {"univariate": univariate_model, "multivariate": multivariate_model}
 
 
-def model_args(spec, diffuse=False, with_mean=True):
+def model_args(case_model, diffuse=False, with_mean=True):
     """The model block as LgmWeights takes it after the marker."""
-    init = tessel.EMPTY if diffuse else spec["init"]
-    mean = spec["mean"] if with_mean else tessel.EMPTY
-    return [spec["sys"], spec["var"], init, mean, spec["sysidx"], tessel.EMPTY, tessel.EMPTY,
-            spec["tvdata"]]
+    init = tessel.EMPTY if diffuse else case_model["init"]
+    mean = case_model["mean"] if with_mean else tessel.EMPTY
+    return [case_model["sys"], case_model["var"], init, mean, case_model["sysidx"], tessel.EMPTY, tessel.EMPTY,
+            case_model["tvdata"]]
 
 
-def oracle_model(spec, diffuse=False, with_mean=True):
-    return StateSpace(spec["sys"], spec["var"], init=None if diffuse else spec["init"],
-                      mean=spec["mean"] if with_mean else None, sysidx=spec["sysidx"],
-                      tvdata=spec["tvdata"])
+def oracle_model(case_model, diffuse=False, with_mean=True):
+    return StateSpace(case_model["sys"], case_model["var"], init=None if diffuse else case_model["init"],
+                      mean=case_model["mean"] if with_mean else None, sysidx=case_model["sysidx"],
+                      tvdata=case_model["tvdata"])
 
 
 def marker_for(missing, series, t_star):
@@ -111,9 +111,9 @@ def marker_for(missing, series, t_star):
     return mk
 
 
-def weights(selection, spec, series, t_star, **kw):
-    mk = marker_for(spec["missing"], series, t_star)
-    return tessel.call("LgmWeights", selection, mk, *model_args(spec, **kw))
+def weights(selection, case_model, series, t_star, **kw):
+    mk = marker_for(case_model["missing"], series, t_star)
+    return tessel.call("LgmWeights", selection, mk, *model_args(case_model, **kw))
 
 
 def signal_expected(model, state_weights):
@@ -142,18 +142,18 @@ CASES = [(name, sel, t, i) for name in MODELS for sel in SELECTIONS
 
 @pytest.mark.parametrize("name,selection,t_star,series", CASES)
 def test_weights_equal_the_oracle(name, selection, t_star, series):
-    spec = MODELS[name]()
-    model = oracle_model(spec)
-    y = np.where(spec["missing"], np.nan, 1.0)
+    case_model = MODELS[name]()
+    model = oracle_model(case_model)
+    y = np.where(case_model["missing"], np.nan, 1.0)
     expected = Oracle(model, y).weights(t_star, series, SELECTIONS[selection])
-    w = weights(selection, spec, series, t_star)
+    w = weights(selection, case_model, series, t_star)
     m = model.m
     assert w.shape == (model.m + model.N, N_TIME)
     np.testing.assert_allclose(w[:m], expected, rtol=0, atol=TOL)
     np.testing.assert_allclose(w[m:], signal_expected(model, expected), rtol=0, atol=TOL)
     # Missing observations of the target series carry no weight; the
     # comparison above is not vacuous.
-    assert np.all(w[:, spec["missing"][series]] == 0.0)
+    assert np.all(w[:, case_model["missing"][series]] == 0.0)
     if not (selection == 0 and t_star == 0):
         assert np.abs(expected).max() > 0.01
 
@@ -162,24 +162,24 @@ def test_weights_equal_the_oracle(name, selection, t_star, series):
 @pytest.mark.parametrize("selection", SELECTIONS)
 def test_weights_with_diffuse_initial_state(name, selection):
     """InitMat absent: every state element diffuse."""
-    spec = MODELS[name]()
-    model = oracle_model(spec, diffuse=True)
-    y = np.where(spec["missing"], np.nan, 1.0)
+    case_model = MODELS[name]()
+    model = oracle_model(case_model, diffuse=True)
+    y = np.where(case_model["missing"], np.nan, 1.0)
     for t_star in (4, 8):
         expected = Oracle(model, y).weights(t_star, 0, SELECTIONS[selection])
-        w = weights(selection, spec, 0, t_star, diffuse=True)
+        w = weights(selection, case_model, 0, t_star, diffuse=True)
         np.testing.assert_allclose(w[:model.m], expected, rtol=0, atol=TOL_DIFFUSE)
 
 
-def moment_states(selection, y, spec, with_mean):
+def moment_states(selection, y, case_model, with_mean):
     """Rows 0..m-1 of LgmMomentEst's moments (the state estimates)."""
     ref = tessel.Ref()
-    tessel.call("LgmMomentEst", selection, ref, y, *model_args(spec, with_mean=with_mean))
-    return ref.value[: spec["sys"].shape[1]]
+    tessel.call("LgmMomentEst", selection, ref, y, *model_args(case_model, with_mean=with_mean))
+    return ref.value[: case_model["sys"].shape[1]]
 
 
-def oracle_states(kind, y, spec, with_mean):
-    ora = Oracle(oracle_model(spec, with_mean=with_mean), y)
+def oracle_states(kind, y, case_model, with_mean):
+    ora = Oracle(oracle_model(case_model, with_mean=with_mean), y)
     return {"predicted": ora.predicted_states, "filtered": ora.filtered_states,
             "smoothed": ora.smoothed_states}[kind]()[0]
 
@@ -188,30 +188,30 @@ def oracle_states(kind, y, spec, with_mean):
 @pytest.mark.parametrize("selection", SELECTIONS)
 @pytest.mark.parametrize("with_mean", [True, False], ids=["MeanVec", "no-intercept"])
 def test_weights_reproduce_the_estimates(name, selection, with_mean):
-    spec = MODELS[name]()
+    case_model = MODELS[name]()
     if name == "multivariate":
         # LgmMomentEst's multivariate smoother carries the NaN innovations of
         # a wholly missing time point into every earlier estimate (documented
         # behaviour), so here time 5 loses only series 1.
-        spec["missing"][0, 5] = False
+        case_model["missing"][0, 5] = False
     if not with_mean:
-        spec["init"] = spec["init"].copy()
-        spec["init"][-1] = 0.0  # zero initial mean: no intercept part at all
-    m, N = spec["sys"].shape[1], spec["sys"].shape[0] - spec["sys"].shape[1]
+        case_model["init"] = case_model["init"].copy()
+        case_model["init"][-1] = 0.0  # zero initial mean: no intercept part at all
+    m, N = case_model["sys"].shape[1], case_model["sys"].shape[0] - case_model["sys"].shape[1]
     rng = np.random.default_rng(77)
-    y = np.where(spec["missing"], np.nan, rng.normal(size=spec["missing"].shape) * 2.0)
-    y0 = np.where(spec["missing"], np.nan, 0.0)
+    y = np.where(case_model["missing"], np.nan, rng.normal(size=case_model["missing"].shape) * 2.0)
+    y0 = np.where(case_model["missing"], np.nan, 0.0)
     kind = SELECTIONS[selection]
     for t_star in (4, 8):
-        assert not spec["missing"][:, t_star].any()
+        assert not case_model["missing"][:, t_star].any()
         total = np.zeros(m)
         for i in range(N):
-            w = weights(selection, spec, i, t_star, with_mean=with_mean)
+            w = weights(selection, case_model, i, t_star, with_mean=with_mean)
             total += w[:m] @ np.nan_to_num(y[i])
         for source in (moment_states, oracle_states):
             key = selection if source is moment_states else kind
-            est = source(key, y, spec, with_mean)[:, t_star]
-            intercept = source(key, y0, spec, with_mean)[:, t_star]
+            est = source(key, y, case_model, with_mean)[:, t_star]
+            intercept = source(key, y0, case_model, with_mean)[:, t_star]
             assert np.all(np.isfinite(est)) and np.all(np.isfinite(intercept))
             if not with_mean:
                 np.testing.assert_allclose(intercept, 0.0, rtol=0, atol=TOL)
@@ -226,23 +226,23 @@ def test_marker_minus_one_before_the_target_becomes_the_target():
     """-1 means "missing", but the target search reads the marker as passed:
     a -1 met before the intended 1 is the target, and is then filtered as a
     missing element."""
-    spec = multivariate_model()
+    case_model = multivariate_model()
     mk = np.zeros((2, N_TIME))
     mk[0, 2] = -1.0
     mk[1, 6] = 1.0
-    w = tessel.call("LgmWeights", 0, mk, *model_args(spec))
+    w = tessel.call("LgmWeights", 0, mk, *model_args(case_model))
     missing = np.zeros((2, N_TIME), bool)
     missing[0, 2] = True
-    expected = Oracle(oracle_model(spec), np.where(missing, np.nan, 1.0)).weights(2, 0, "predicted")
+    expected = Oracle(oracle_model(case_model), np.where(missing, np.nan, 1.0)).weights(2, 0, "predicted")
     np.testing.assert_allclose(w[:2], expected, rtol=0, atol=TOL)
     assert np.abs(expected).max() > 0.01
 
 
 def test_all_zero_marker_targets_last_series_at_last_time():
-    spec = multivariate_model()
+    case_model = multivariate_model()
     mk = np.zeros((2, N_TIME))
-    w = tessel.call("LgmWeights", 1, mk, *model_args(spec))
-    expected = Oracle(oracle_model(spec), np.ones((2, N_TIME))).weights(N_TIME - 1, 1, "smoothed")
+    w = tessel.call("LgmWeights", 1, mk, *model_args(case_model))
+    expected = Oracle(oracle_model(case_model), np.ones((2, N_TIME))).weights(N_TIME - 1, 1, "smoothed")
     np.testing.assert_allclose(w[:2], expected, rtol=0, atol=TOL)
 
 
@@ -250,17 +250,17 @@ def test_all_zero_marker_targets_last_series_at_last_time():
 
 @pytest.mark.parametrize("name", MODELS)
 def test_predicted_weights_at_first_time_point_are_zero(name):
-    spec = MODELS[name]()
-    w = weights(0, spec, 0, 0)
-    assert w.shape == (spec["sys"].shape[0], N_TIME)
+    case_model = MODELS[name]()
+    w = weights(0, case_model, 0, 0)
+    assert w.shape == (case_model["sys"].shape[0], N_TIME)
     assert np.all(w == 0.0)
 
 
 @pytest.mark.parametrize("selection", [5, 1])
 def test_two_series_filtered_or_smoothed_at_first_time_point_fails(selection):
-    spec = multivariate_model()
+    case_model = multivariate_model()
     with pytest.raises(tessel.ZuError) as err:
-        weights(selection, spec, 0, 0)
+        weights(selection, case_model, 0, 0)
     assert str(err.value) == "LgmWeights(): unknown error"
     assert err.value.number == 1
 
@@ -268,27 +268,27 @@ def test_two_series_filtered_or_smoothed_at_first_time_point_fails(selection):
 def test_too_few_observations_before_target_fails_for_two_series():
     """Diffuse start (d = 2): the filter over the points before t* = 1 sees
     two observed elements, cnt = 0 < 1."""
-    spec = multivariate_model()
+    case_model = multivariate_model()
     with pytest.raises(tessel.ZuError, match=r"^LgmWeights\(\): unknown error$"):
-        weights(5, spec, 0, 1, diffuse=True)
+        weights(5, case_model, 0, 1, diffuse=True)
     # One more time point (four observed elements) is enough.
-    w = weights(5, spec, 1, 2, diffuse=True)
+    w = weights(5, case_model, 1, 2, diffuse=True)
     assert np.abs(w).max() > 0.01
 
 
 @pytest.mark.parametrize("name", MODELS)
 def test_selection_3_returns_zeros(name):
-    spec = MODELS[name]()
-    w = weights(3, spec, 0, 4)
-    assert w.shape == (spec["sys"].shape[0], N_TIME)
+    case_model = MODELS[name]()
+    w = weights(3, case_model, 0, 4)
+    assert w.shape == (case_model["sys"].shape[0], N_TIME)
     assert np.all(w == 0.0)
 
 
 @pytest.mark.parametrize("selection", [2, 4, -1, 6])
 def test_invalid_selection(selection):
-    spec = univariate_model()
+    case_model = univariate_model()
     with pytest.raises(tessel.ZuError) as err:
-        weights(selection, spec, 0, 4)
+        weights(selection, case_model, 0, 4)
     assert str(err.value) == "LgmWeights(): no valid selection in first argument"
 
 
@@ -296,8 +296,8 @@ def test_failed_filter_reports_unknown_error_even_with_messages_off():
     """All observations missing: the filter fails (cnt < 1). The report is a
     run-time error, not a message, so switching messages off changes
     nothing."""
-    spec = univariate_model()
+    case_model = univariate_model()
     mk = np.full((1, N_TIME), np.nan)
     tessel.call("LgmWarning", 0)
     with pytest.raises(tessel.ZuError, match=r"^LgmWeights\(\): unknown error$"):
-        tessel.call("LgmWeights", 0, mk, *model_args(spec))
+        tessel.call("LgmWeights", 0, mk, *model_args(case_model))
