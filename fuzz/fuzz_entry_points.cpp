@@ -1,0 +1,370 @@
+// fuzz_entry_points.cpp - libFuzzer harness: bytes -> an entry point and an
+// argument list, called through the host as an interpreter would call it.
+//
+// A call may return or raise a host error (zu::Error); anything else - a
+// crash, a sanitizer report, a hang, a leak, or host storage left live after
+// the call - is a finding.
+//
+// Input layout (every read past the end yields zeros, so any input decodes):
+//   byte 0   entry point (index into kEntries, modulo 19)
+//   byte 1   form: low two bits 0 = raw argument list, else a model-shaped
+//            argument list for the entry points that take a model block
+//   then     the arguments, each decoded by Decoder below.
+//
+// Two documented behaviours end the process with status 0 and are kept out
+// of reach on purpose: LgmWarning without an argument while messages are
+// silenced, and a partial time-varying block while messages are silenced.
+// Both need the message switch off, so the harness never silences messages:
+// LgmWarning is always given an integer of 1 or more, or no argument at all
+// (which, with messages on, raises a host error).
+//
+// Cost bounds that are not findings: a matrix holds at most kMaxElements
+// elements (the work of every recursion grows with the model and the series
+// it is given), and the ARMA coefficient vectors hold at most 12 elements
+// (the stationary variance solves an m^2 x m^2 system, so the work grows as
+// m^6). Dimensions with no elements are unbounded: 0 x 2^31-1 is cheap and
+// must be handled as such.
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "tessel/host.hpp"
+
+namespace {
+
+using zu::Value;
+
+const char *const kEntries[] = {
+    "LgmVersion",   "LgmAbout",     "LgmWarning", "KalmanFil", "LgmLik",      "LgmLikConc",
+    "LgmRecursion", "KalmanSmo",    "LgmMomentEst", "LgmLikSco", "SimSmoWgt", "SimSmoDraw",
+    "LgmCondDens",  "LgmWeights",   "GetLgmArma", "GetLgmStsm", "GetLgmReg",  "AddLgmReg",
+    "GetLgmSpline"};
+constexpr int kEntryCount = sizeof kEntries / sizeof kEntries[0];
+
+constexpr long kMaxElements = 2048;
+
+const double kNaN = std::numeric_limits<double>::quiet_NaN();
+const double kInf = std::numeric_limits<double>::infinity();
+const double kSpecial[] = {0.0,      1.0,      -1.0,     0.5,     -0.5,      2.9,     -2.9,
+                           2.0,      3.0,      4.0,      5.0,     6.0,       7.0,     12.0,
+                           19.0,     20.0,     1e-300,   -1e-300, 5e-324,    1e300,   -1e300,
+                           1.7976931348623157e308,     -1.7976931348623157e308,      kInf,
+                           -kInf,    kNaN,     -kNaN,    2147483647.0,       2147483648.0,
+                           -2147483648.0,      -2147483649.0,      1e10,    -1e10,   0.999999,
+                           1.000001, 1e-8,     9999999.99};
+constexpr int kSpecialCount = sizeof kSpecial / sizeof kSpecial[0];
+const int kSpecialInt[] = {0, 1, 2, 3, 4, 5, 6, -1, -2, 7, 100, INT_MAX, INT_MIN, INT_MAX - 1};
+constexpr int kSpecialIntCount = sizeof kSpecialInt / sizeof kSpecialInt[0];
+// Dimensions: small ones mostly, the rest for matrices without elements.
+const int kBigDims[] = {INT_MAX, INT_MAX - 1, 1 << 30, 65536, 46341, 1000000};
+constexpr int kBigDimCount = sizeof kBigDims / sizeof kBigDims[0];
+
+class Decoder {
+public:
+    Decoder(const std::uint8_t *data, std::size_t size) : p_(data), n_(size) {}
+
+    std::uint8_t u8() { return pos_ < n_ ? p_[pos_++] : 0; }
+    std::uint32_t u32() {
+        std::uint32_t x = 0;
+        for (int k = 0; k < 4; ++k) x |= static_cast<std::uint32_t>(u8()) << (8 * k);
+        return x;
+    }
+    double f64() {
+        std::uint64_t bits = 0;
+        for (int k = 0; k < 8; ++k) bits |= static_cast<std::uint64_t>(u8()) << (8 * k);
+        double x;
+        std::memcpy(&x, &bits, sizeof x);
+        return x;
+    }
+
+    int integer() {
+        const std::uint8_t how = u8();
+        if (how < 160) return kSpecialInt[how % kSpecialIntCount];
+        if (how < 220) return static_cast<int>(how) - 190;
+        return static_cast<int>(u32());
+    }
+
+    double real() {
+        const std::uint8_t how = u8();
+        if (how < 128) return kSpecial[how % kSpecialCount];
+        if (how < 200) return (static_cast<int>(u8()) - 128) / 16.0;  // modest values
+        return f64();
+    }
+
+    // A fill style for a whole matrix: most matrices are ordinary numbers
+    // with a few special values sprinkled in.
+    void fill(Value &v) {
+        const int rows = v.rows(), cols = v.cols();
+        const long count = static_cast<long>(rows) * cols;
+        if (count == 0) return;
+        const std::uint8_t style = u8();
+        double **d = v.data();
+        for (int i = 0; i < rows; ++i)
+            for (int j = 0; j < cols; ++j) {
+                double x;
+                switch (style % 6) {
+                case 0: x = (i == j) ? 1.0 : 0.0; break;
+                case 1: x = kSpecial[(i * 7 + j * 3 + style) % kSpecialCount]; break;
+                case 2: x = (static_cast<int>(u8()) - 128) / 32.0; break;
+                case 3: x = real(); break;
+                case 4: x = (i == j) ? real() : 0.0; break;
+                default: x = static_cast<double>(static_cast<int>(u8() % 9) - 2); break;  // index-like
+                }
+                d[i][j] = x;
+            }
+    }
+
+    // Dimensions: small ones, or a huge one paired with zero.
+    void dims(int *rows, int *cols) {
+        const std::uint8_t how = u8();
+        if (how < 200) {
+            *rows = u8() % 9;
+            *cols = u8() % 9;
+        } else if (how < 230) {
+            *rows = u8() % 65;
+            *cols = u8() % 65;
+        } else if (how < 243) {
+            *rows = 0;
+            *cols = kBigDims[u8() % kBigDimCount];
+        } else {
+            // A huge row count needs a row-pointer array in our host even
+            // without elements: keep it to what the host can hold cheaply.
+            *rows = 1 + u8() % 65536;
+            *cols = 0;
+        }
+        if (static_cast<long>(*rows) * *cols > kMaxElements) *cols = static_cast<int>(kMaxElements / (*rows ? *rows : 1));
+    }
+
+    Value matrix(int rows, int cols) {
+        if (static_cast<long>(rows) * cols > kMaxElements) cols = static_cast<int>(kMaxElements / (rows ? rows : 1));
+        Value v = Value::matrix(rows, cols);
+        fill(v);
+        return v;
+    }
+
+    Value any_matrix() {
+        int r, c;
+        dims(&r, &c);
+        return matrix(r, c);
+    }
+
+    // A value of any type except a reference.
+    Value plain() {
+        switch (u8() % 6) {
+        case 0: return Value::integer(integer());
+        case 1: return Value::real(real());
+        case 2: return Value::empty();
+        case 3: return Value();  // nothing
+        default: return any_matrix();
+        }
+    }
+
+    std::size_t used() const { return pos_; }
+
+private:
+    const std::uint8_t *p_;
+    std::size_t n_;
+    std::size_t pos_ = 0;
+};
+
+// Arguments and the variables their references name.
+struct Call {
+    std::deque<Value> vars;
+    std::vector<Value> args;
+    void ref(Value initial) {
+        vars.push_back(std::move(initial));
+        args.push_back(Value::ref(vars.back()));
+    }
+};
+
+void raw_argument(Decoder &d, Call &c) {
+    if (d.u8() % 5 == 0)
+        c.ref(d.plain());
+    else
+        c.args.push_back(d.plain());
+}
+
+// Where the model block starts for each entry point that takes one, and
+// the check mode of its data argument.
+struct ModelEntry {
+    const char *name;
+    int leading;  // arguments before the data argument
+    int mode;
+};
+const ModelEntry kModelEntries[] = {
+    {"KalmanFil", 0, 0},    {"LgmLik", 2, 0},     {"LgmLikConc", 2, 0}, {"LgmRecursion", 0, 2},
+    {"KalmanSmo", 0, 1},    {"LgmMomentEst", 2, 0}, {"LgmLikSco", 2, 0}, {"SimSmoWgt", 1, 1},
+    {"SimSmoDraw", 3, 1},   {"LgmCondDens", 1, 0}, {"LgmWeights", 1, 0}};
+
+const ModelEntry *model_entry(const std::string &name) {
+    for (const ModelEntry &e : kModelEntries)
+        if (name == e.name) return &e;
+    return nullptr;
+}
+
+// Perturbs a dimension now and then, so shape checks are met from both sides.
+int maybe_off(Decoder &d, int x) {
+    const std::uint8_t how = d.u8();
+    if (how < 232) return x;
+    if (how < 244) return x + 1;
+    if (how < 252) return x > 0 ? x - 1 : 0;
+    return 0;
+}
+
+// A model-shaped argument list: leading arguments of the right kinds, a
+// data argument of the mode's shape, and the model block with optional
+// parts present, absent, or misshapen.
+void model_arguments(Decoder &d, Call &c, const ModelEntry &e) {
+    const int N = 1 + d.u8() % 3;
+    const int m = d.u8() % 4;
+    const int n = d.u8() % 12;
+    const int p = m + N;
+    const int S = N + N * (N + 1) / 2 + m * N;
+    const std::string name = e.name;
+
+    int leading = e.leading;
+    if (name == "LgmLikSco" && d.u8() % 2) leading = 3;
+    for (int k = 0; k < leading; ++k) {
+        const std::uint8_t how = d.u8();
+        const bool selection_slot = (k == 0) && (name == "LgmMomentEst" || name == "LgmCondDens" ||
+                                                 name == "LgmWeights");
+        if (selection_slot && how < 200) {
+            c.args.push_back(Value::integer(d.integer()));
+        } else if ((name == "SimSmoWgt" || name == "SimSmoDraw") && how < 200) {
+            // selection p x p; draws q x n; weights
+            if (k == 0) {
+                c.args.push_back(d.matrix(maybe_off(d, p), maybe_off(d, p)));
+            } else {
+                const int q = 1 + d.u8() % p;
+                const int rows = k == 1 ? q : static_cast<int>((p + (q + 1) * 0.5) * q);
+                c.args.push_back(d.matrix(maybe_off(d, rows), maybe_off(d, n)));
+            }
+        } else if (how < 220) {
+            c.ref(d.plain());
+        } else {
+            c.args.push_back(d.plain());
+        }
+    }
+    const int data_rows = e.mode == 0 ? N : e.mode == 1 ? S : p;
+    c.args.push_back(d.matrix(maybe_off(d, data_rows), maybe_off(d, n)));
+    c.args.push_back(d.matrix(maybe_off(d, p), maybe_off(d, m)));  // SysMat
+    c.args.push_back(d.matrix(maybe_off(d, p), maybe_off(d, p)));  // VarMat
+    const int optional = d.u8() % 7;  // InitMat .. TvData
+    const int shapes[6][2] = {{m + 1, m}, {p, 1}, {p, m}, {p, p}, {p, 1}, {1 + d.u8() % 4, n}};
+    for (int k = 0; k < optional; ++k) {
+        const std::uint8_t how = d.u8();
+        if (how < 40)
+            c.args.push_back(Value::real(0.0));  // absent
+        else if (how < 60)
+            c.args.push_back(Value::empty());
+        else if (how < 70)
+            c.args.push_back(d.plain());
+        else
+            c.args.push_back(d.matrix(maybe_off(d, shapes[k][0]), maybe_off(d, shapes[k][1])));
+    }
+}
+
+void builder_arguments(Decoder &d, Call &c, const std::string &name) {
+    if (name == "GetLgmArma") {
+        for (int k = 0; k < 2; ++k) {
+            const std::uint8_t how = d.u8();
+            const int len = d.u8() % 13;  // see the cost bound above
+            if (how < 100)
+                c.args.push_back(d.matrix(1, len));
+            else if (how < 200)
+                c.args.push_back(d.matrix(len, 1));
+            else
+                c.args.push_back(d.plain());
+        }
+        c.args.push_back(d.u8() < 230 ? Value::real(d.real()) : d.plain());
+        for (int k = 0; k < 3; ++k) c.ref(d.u8() < 230 ? Value() : d.plain());
+    } else if (name == "GetLgmStsm") {
+        const int rows = d.u8() % 7;
+        const int cols = d.u8() % 7;
+        Value t = Value::matrix(rows, cols);
+        for (int i = 0; i < rows; ++i)
+            for (int j = 0; j < cols; ++j) t.at(i, j) = j == 0 ? static_cast<double>(d.u8() % 22) - 1 : d.real();
+        c.args.push_back(std::move(t));
+        const int refs = 3 + d.u8() % 2;
+        for (int k = 0; k < refs; ++k) c.ref(Value());
+    } else if (name == "GetLgmReg" || name == "AddLgmReg") {
+        c.args.push_back(d.any_matrix());
+        const int m = d.u8() % 4;
+        for (int k = 0; k < 4; ++k) {
+            const std::uint8_t how = d.u8();
+            if (name == "AddLgmReg" && how < 150) {
+                const int shape[4][2] = {{m + 1, m}, {m + 1, m + 1}, {m + 1, m}, {0, 0}};
+                c.ref(m == 0 || k == 3 ? Value::empty() : d.matrix(shape[k][0], shape[k][1]));
+            } else if (how < 230) {
+                c.ref(Value());
+            } else {
+                c.ref(d.plain());
+            }
+        }
+    } else {  // GetLgmSpline
+        const int nargs = (d.u8() % 3 == 0) ? 4 + d.u8() % 6 : (d.u8() % 2 ? 8 : 5);
+        c.args.push_back(d.u8() < 230 ? Value::real(d.real()) : d.plain());
+        c.args.push_back(d.u8() < 200 ? d.matrix(1, d.u8() % 16) : d.plain());
+        for (int k = 2; k < nargs; ++k) c.ref(d.u8() < 240 ? Value() : d.plain());
+    }
+}
+
+void discard_message(const char *) {}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***) {
+    try {
+        zu::load_library();
+    } catch (const zu::Error &e) {
+        std::fprintf(stderr, "fuzz: %s\n", e.what());
+        std::abort();
+    }
+    zu::set_message_sink(discard_message);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    const long live_before = zu::live_allocations().total();
+    {
+        Decoder d(data, size);
+        const std::string name = kEntries[d.u8() % kEntryCount];
+        const std::uint8_t form = d.u8();
+        Call c;
+        try {
+            if (name == "LgmWarning") {
+                // Never silence messages (see the top of this file).
+                if (form % 4 != 0) c.args.push_back(Value::integer(1 + d.u8() % 4));
+            } else if (form % 4 == 0) {
+                const int nargs = d.u8() % 13;
+                for (int k = 0; k < nargs; ++k) raw_argument(d, c);
+            } else if (const ModelEntry *e = model_entry(name)) {
+                model_arguments(d, c, *e);
+            } else if (name.compare(0, 3, "Get") == 0 || name == "AddLgmReg") {
+                builder_arguments(d, c, name);
+            }
+        } catch (const zu::Error &) {
+            return 0;  // the harness could not build its own arguments
+        }
+        zu::set_seed(12345);
+        try {
+            Value r = zu::call(name, c.args);
+        } catch (const zu::Error &) {
+            // a host error is a proper end of a call
+        }
+    }
+    const long live_after = zu::live_allocations().total();
+    if (live_after != live_before) {
+        std::fprintf(stderr, "fuzz: %ld host allocation(s) left live by the call\n",
+                     live_after - live_before);
+        std::abort();
+    }
+    return 0;
+}
