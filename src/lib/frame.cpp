@@ -104,6 +104,10 @@ bool arg_absent(const ZuValue *args, int nargs, int index) {
 }
 
 bool make_matrix_value(ZuValue *v, int rows, int cols) {
+    if (rows < 0 || cols < 0) {  // a size that overflowed somewhere: never a matrix
+        ZuFreeByValue(v);
+        return false;
+    }
     ZuLibValMatMalloc(v, rows, cols);
     return v->type == ZU_MATRIX && (v->v.mat.data != nullptr || rows <= 0);
 }

@@ -103,7 +103,8 @@ private:
 bool arg_absent(const ZuValue *args, int nargs, int index);
 
 // Makes `v` a rows x cols matrix value; false when the host could not
-// allocate it (a size with no elements is never a failure).
+// allocate it or a size is negative (a size with no elements is never a
+// failure).
 bool make_matrix_value(ZuValue *v, int rows, int cols);
 // Like make_matrix_value, but raises host error 4 on failure; returns the
 // row pointers (null only when rows is 0).

@@ -57,7 +57,8 @@ int iZuCheckLgm(FrameVariant variant, ZuValue *args, int nargs, int i, int mode,
 
     // Store rows, computed in floating point as the layout is defined; a
     // model whose store would not fit an int is refused.
-    const double s_real = N * ((N + 1) * 0.5 + 1.0 + m);
+    // (N + 1 is formed in double: N may be INT_MAX.)
+    const double s_real = N * ((N + 1.0) * 0.5 + 1.0 + m);
     if (!(s_real < 2147483647.0)) raise_text("Lgm(): model dimension too large");
     const int S = static_cast<int>(s_real);
     const int mExtra = variant == FrameVariant::Copying ? m + 3 : m + 2;
