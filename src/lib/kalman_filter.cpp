@@ -16,82 +16,348 @@
 // the log-determinant and d off the count of usable observations, so the
 // likelihood is that of the observations beyond the d needed to pin down the
 // diffuse elements.
+//
+// Steady state: the variance recursion does not depend on the data values.
+// With SysMat and VarMat fixed over time, a step with every element observed
+// is a fixed function of P(t) that yields Pbar, the gain, F^-1 and P(t+1).
+// Once such steps have returned to an earlier input bit for bit (P(t+1) =
+// P(t), or, as rounding often settles, P(t+1) = P(t-1)), every following
+// step with every element observed would repeat the same cycle exactly; those
+// steps run only the mean recursion with the saved quantities, and the
+// results are the same bit for bit as the full recursion's. A step with a
+// missing element leaves the steady state.
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 
-#include "frame.h"
+#include "filter_step.h"
 
 using namespace tessel;
 
 namespace {
 
-// Writes the time-t values of the time-varying elements straight from the
-// open index tables (each may be null).
-void write_time_varying(int t, int m, int mN, double **sys, double **var, double *mean,
-                        int **sysidx, int **varidx, const int *meanidx, double **tvdata) {
-    if (meanidx)
-        for (int k = 0; k < mN; ++k)
-            if (meanidx[k] >= 0) mean[k] = tvdata[meanidx[k]][t];
-    if (sysidx)
-        for (int k = 0; k < mN; ++k) {
-            const int *idx = sysidx[k];
-            for (int j = 0; j < m; ++j)
-                if (idx[j] >= 0) sys[k][j] = tvdata[idx[j]][t];
+// Detects that the variance recursion of a fixed model has become periodic
+// with period 1 or 2, bit for bit, and replays the cycle. Holds, for the
+// last two full steps with every element observed, the input P and the whole
+// top block of W1 that the step left (P(t+1), gain, F^-1, M) with its log
+// term.
+class SteadyState {
+public:
+    enum { kMaxOrder = 24 };
+
+    SteadyState(bool allowed, int m, int mN)
+        : usable_(allowed && mN <= kMaxOrder), m_(m), mN_(mN) {}
+    bool usable() const { return usable_; }
+
+    // A step that is not a full step with every element observed.
+    void broken() {
+        run_ = 0;
+        tracked_ = 0;
+        tracking_ = false;
+    }
+
+    // Before a full step with every element observed: keep its input P
+    // (only its diagonal until the recursion is close to converging).
+    void before(double **W1) {
+        if (!tracking_) {
+            for (int r = 0; r < m_; ++r) diag_[r] = W1[r][r];
+            return;
         }
-    if (varidx)
-        for (int k = 0; k < mN; ++k) {
-            const int *idx = varidx[k];
-            for (int j = 0; j < mN; ++j)
-                if (idx[j] >= 0) var[k][j] = tvdata[idx[j]][t];
+        if (tracked_ > kPatience) return;
+        cur_ ^= 1;
+        double *pin = e_[cur_].pin;
+        for (int r = 0; r < m_; ++r)
+            for (int c = 0; c < m_; ++c) pin[r * m_ + c] = W1[r][c];
+    }
+
+    // After that step: keep what it left; true when the recursion has
+    // returned to the input of this step (period 1) or of the one before
+    // (period 2). replay() then gives the following steps.
+    bool after(double **W1, double logv) {
+        if (!tracking_) {
+            // Track in full once the diagonal has settled to 1e-12.
+            double change = 0.0, size = 0.0;
+            for (int r = 0; r < m_; ++r) {
+                change = std::fmax(change, std::fabs(W1[r][r] - diag_[r]));
+                size = std::fmax(size, std::fabs(W1[r][r]));
+            }
+            tracking_ = change <= 1e-12 * size;
+            return false;
+        }
+        // Rounding that wanders without settling into a short cycle: stop
+        // looking until the next break.
+        if (++tracked_ > kPatience) return false;
+        Entry &e = e_[cur_];
+        for (int r = 0; r < mN_; ++r)
+            for (int c = 0; c < mN_; ++c) e.blk[r * mN_ + c] = W1[r][c];
+        e.logv = logv;
+        ++run_;
+        if (same(W1, e.pin)) {
+            period_ = 1;
+            return true;
+        }
+        if (run_ >= 2 && same(W1, e_[cur_ ^ 1].pin)) {
+            period_ = 2;
+            return true;
+        }
+        return false;
+    }
+
+    // Step k (k = 0, 1, ...) of a run of steps in the cycle: the top block
+    // of W1 that the full step would leave (mN x mN, row by row; row m holds
+    // the gain and F^-1 of a single series), and its log term.
+    const double *block(int k) const { return e_[index(k)].blk; }
+    double logv(int k) const { return e_[index(k)].logv; }
+
+    // After a run of k >= 1 steps: W1's top block as the last of them left
+    // it (the run ends the steady state).
+    void settle(double **W1, int k) const {
+        if (period_ == 1) return;  // W1 holds it already
+        const double *b = block(k - 1);
+        for (int r = 0; r < mN_; ++r)
+            for (int c = 0; c < mN_; ++c) W1[r][c] = b[r * mN_ + c];
+    }
+
+private:
+    struct Entry {
+        double pin[kMaxOrder * kMaxOrder];
+        double blk[kMaxOrder * kMaxOrder];
+        double logv;
+    };
+    // P (top-left of W1) equal bit for bit to the saved one (NaN never is).
+    bool same(double **W1, const double *pin) const {
+        for (int r = 0; r < m_; ++r)
+            for (int c = r; c < m_; ++c) {
+                std::uint64_t x, y;
+                std::memcpy(&x, &W1[r][c], sizeof x);
+                std::memcpy(&y, &pin[r * m_ + c], sizeof y);
+                if (x != y || W1[r][c] != W1[r][c]) return false;
+            }
+        return true;
+    }
+
+    enum { kPatience = 64 };  // full steps tracked before giving up
+
+    bool usable_;
+    int m_, mN_;
+    bool tracking_ = false;
+    int tracked_ = 0;
+    double diag_[kMaxOrder];
+    Entry e_[2];
+    // From P(t+1) = P(t-1) the next step repeats the one before the last.
+    int index(int k) const { return period_ == 1 || (k & 1) ? cur_ : cur_ ^ 1; }
+
+    int cur_ = 0, run_ = 0, period_ = 0;
+};
+
+// The observation part of a multivariate step once F holds F^-1 and the
+// top-right block of W1 holds the gain: likelihood pieces, store column, new
+// state. Shared by full and steady steps so that both do the same arithmetic.
+inline void multi_update_mean(int N, int m, int t, double **W1, double **F, const double *v,
+                              const double *p, double *a, double logdet, double **store,
+                              double &logdet_sum, double &sumsq) {
+    logdet_sum += logdet;
+    {
+        double q = 0.0;
+        for (int i = 0; i < N; ++i) {
+            double row = 0.0;
+            for (int k = 0; k < N; ++k) row += F[i][k] * v[k];
+            q += v[i] * row;
+        }
+        sumsq += q;
+    }
+    if (store) {
+        for (int i = 0; i < N; ++i) store[i][t] = v[i];
+        int row = N;
+        for (int i = 0; i < N; ++i) {
+            for (int r = 0; r < m; ++r) store[row++][t] = W1[r][m + i];
+            for (int k = 0; k <= i; ++k) store[row++][t] = F[k][i];
+        }
+    }
+    for (int r = 0; r < m; ++r) {
+        const double *Kr = W1[r] + m;
+        double acc = p[r];
+        for (int k = 0; k < N; ++k) acc += Kr[k] * v[k];
+        a[r] = acc;
+    }
+}
+
+// p = mean + SysMat a and Pbar = SysMat P SysMat' + VarMat for a single
+// series and a state of compile-time order M: the dense products, unrolled.
+template <int M>
+inline void small_prior(double **sys, double **var, const double *mean, double **W1, double *p) {
+    constexpr int R = M + 1;
+    double S[R][M], P[M][M], X[R][M];
+    const double *a = W1[R];
+    for (int i = 0; i < R; ++i)
+        for (int j = 0; j < M; ++j) S[i][j] = sys[i][j];
+    for (int i = 0; i < M; ++i)
+        for (int j = 0; j < M; ++j) P[i][j] = W1[i][j];
+    for (int i = 0; i < R; ++i) {
+        double acc = mean[i];
+        for (int j = 0; j < M; ++j) acc += S[i][j] * a[j];
+        p[i] = acc;
+    }
+    for (int i = 0; i < R; ++i)
+        for (int c = 0; c < M; ++c) {
+            double acc = 0.0;
+            for (int k = 0; k < M; ++k) acc += S[i][k] * P[k][c];
+            X[i][c] = acc;
+        }
+    for (int i = 0; i < R; ++i)
+        for (int j = i; j < R; ++j) {
+            double acc = 0.0;
+            for (int l = 0; l < M; ++l) acc += X[i][l] * S[j][l];
+            W1[i][j] = acc + var[i][j];
+            W1[j][i] = acc + var[j][i];
         }
 }
 
-// Initial state mean and variance into W1 (a in row mN, P top-left).
-// Returns d, the number of diffuse elements.
-int initialise(int m, int mN, double **init, double kappa, double **W1) {
-    double *a = W1[mN];
-    if (!init) {
-        MatZero(W1, mN + 1, mN);
-        for (int k = 0; k < m; ++k) W1[k][k] = kappa;
-        return m;
-    }
-    int d = 0;
-    for (int k = 0; k < m; ++k) {
-        a[k] = init[m][k];
-        if (init[k][k] < 0.0) {
-            W1[k][k] = kappa;
-            for (int j = 0; j < k; ++j) W1[j][k] = W1[k][j] = 0.0;
-            ++d;
-        } else {
-            // Lower triangle read and mirrored; a later proper row still
-            // writes into the column of an earlier diffuse element.
-            W1[k][k] = init[k][k];
-            for (int j = 0; j < k; ++j) W1[j][k] = W1[k][j] = init[k][j];
-        }
-    }
-    return d;
-}
+// The single-series filter; M > 0 fixes the state order at compile time
+// (small models, loops unrolled), M = 0 takes it from m.
+template <int M>
+int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, double *mean,
+                int **sysidx, int **varidx, int *meanidx, double **tvdata, double **init,
+                double **W1, double **W2, double **store, double *dLogDet, double *dSumSq,
+                int *cnt, bool allow_steady, long *steady_steps) {
+    const int m = M > 0 ? M : m_arg;
+    const int mN = m + 1;
+    const double kappa = diffuse_kappa(var, mN);
+    const int d = step_initialise(m, mN, init, kappa, W1);
+    int count = -d;
+    // The likelihood pieces accumulate locally and are written back on every
+    // return (a failed filter still reports what it had summed).
+    double logdet = -d * std::log(kappa), sumsq = 0.0;
+    auto finish = [&](int rc) {
+        if (dLogDet) *dLogDet = logdet;
+        if (rc && dSumSq) sumsq /= count;
+        if (dSumSq) *dSumSq = sumsq;
+        if (rc && cnt) *cnt = count;
+        return rc;
+    };
 
-// p = mean + SysMat a (mN values) and Pbar = SysMat P SysMat' + VarMat.
-void predict(int m, int mN, double **sys, double **var, const double *mean, double **W1,
-             double **W2) {
-    const double *a = W1[mN];
+    StepFrame frame;
+    if (M == 0) build_pattern(frame, sys, sysidx, mN, m);
+    SteadyState steady_state(allow_steady && !sysidx && !varidx, m, mN);
+    bool steady = false;
+
+    double *a = W1[mN];  // a in columns 0..m-1, v in column m
+    double *K = W1[m];   // row m of Pbar: M, then scaled into the gain
     double *p = W2[mN];
-    for (int k = 0; k < mN; ++k) {
-        const double *s = sys[k];
-        double acc = mean[k];
-        for (int j = 0; j < m; ++j) acc += s[j] * a[j];
-        p[k] = acc;
+
+    for (int t = 0; t < n; ++t) {
+        step_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
+        const double yt = y[t];
+        const bool missing = std::isnan(yt);
+
+        if (steady && !missing) {
+            // A run of observed steps in the cycle: the arithmetic of the
+            // full step below, on the gains and inverse variances the cycle
+            // saved, with the state held locally.
+            double al[SteadyState::kMaxOrder], v = 0.0;
+            for (int j = 0; j < m; ++j) al[j] = a[j];
+            int k = 0;
+            for (int s = t; s < n; ++s, ++k) {
+                if (s > t && meanidx) step_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
+                const double ys = y[s];
+                if (std::isnan(ys)) break;
+                const double *Kb = steady_state.block(k) + m * mN;
+                if (M > 0) {
+                    for (int i = 0; i < mN; ++i) {
+                        double acc = mean[i];
+                        for (int j = 0; j < m; ++j) acc += sys[i][j] * al[j];
+                        p[i] = acc;
+                    }
+                } else {
+                    step_predict(frame, sys, mean, al, p);
+                }
+                v = ys - p[m];
+                const double Finv = Kb[m];
+                if (Finv > 0.0) {
+                    ++count;
+                    logdet -= steady_state.logv(k);
+                    sumsq += v * v * Finv;
+                }
+                if (store) {
+                    store[0][s] = v;
+                    for (int r = 0; r <= m; ++r) store[r + 1][s] = Kb[r];
+                }
+                for (int j = 0; j < m; ++j) al[j] = p[j] + Kb[j] * v;
+            }
+            for (int j = 0; j < m; ++j) a[j] = al[j];
+            a[m] = v;
+            steady_state.settle(W1, k);
+            if (steady_steps) *steady_steps += k;
+            steady = false;
+            t += k - 1;  // the step that ended the run is taken next
+            continue;
+        }
+        steady = false;
+        if (steady_state.usable()) {
+            if (missing)
+                steady_state.broken();
+            else
+                steady_state.before(W1);
+        }
+        if (M > 0)
+            small_prior<M>(sys, var, mean, W1, p);
+        else
+            step_prior(frame, m, mN, sys, var, mean, W1, W2, false);
+
+        if (missing) {
+            for (int k = 0; k < m; ++k) a[k] = p[k];
+            SetNaN(&a[m]);
+            if (store) {
+                SetNaN(&store[0][t]);
+                for (int r = 1; r <= mN; ++r) store[r][t] = 0.0;
+            }
+            continue;
+        }
+
+        const double v = yt - p[m];
+        a[m] = v;
+        const double F = K[m];
+        if (F == 0.0) return finish(0);
+        const double Finv = 1.0 / F;
+        K[m] = Finv;
+        for (int k = 0; k < m; ++k) K[k] *= Finv;
+
+        // A negative F is filtered through but not counted.
+        const double logFinv = std::log(Finv);
+        if (Finv > 0.0) {
+            ++count;
+            logdet -= logFinv;
+            sumsq += v * v * Finv;
+        }
+
+        if (store) {
+            store[0][t] = v;
+            for (int r = 0; r <= m; ++r) store[r + 1][t] = K[r];
+        }
+
+        for (int j = 0; j < m; ++j) a[j] = p[j] + K[j] * v;
+        // P(t+1) = Pbar - M K', with M the unscaled last column of Pbar.
+        for (int j = 0; j < m; ++j) {
+            const double Mj = W1[j][m];
+            double *Pj = W1[j];
+            for (int k = j; k < m; ++k) Pj[k] -= Mj * K[k];
+        }
+        for (int j = 0; j < m; ++j)
+            for (int k = j + 1; k < m; ++k) W1[k][j] = W1[j][k];
+
+        if (steady_state.usable()) steady = steady_state.after(W1, logFinv);
     }
-    MatBSBt(sys, mN, W1, m, W2);
-    MatAdd(W2, mN, mN, var, 1.0, W1);
+
+    return finish(count < 1 ? 0 : 1);
 }
 
 }  // namespace
 
-TESSEL_EXPORT int fMultiKalmanFil(int N, int n, double **y, int m, double **sys, double **var,
-                                  double *mean, int **sysidx, int **varidx, int *meanidx,
-                                  double **tvdata, double **init, double **W1, double **W2,
-                                  double **store, double *dLogDet, double *dSumSq, int *cnt) {
+int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, double **var,
+                                double *mean, int **sysidx, int **varidx, int *meanidx,
+                                double **tvdata, double **init, double **W1, double **W2,
+                                double **store, double *dLogDet, double *dSumSq, int *cnt,
+                                bool allow_steady, long *steady_steps) {
     const int mN = m + N;
 
     // F view: row i addresses column m of W1 row m+i, so F is the
@@ -102,22 +368,99 @@ TESSEL_EXPORT int fMultiKalmanFil(int N, int n, double **y, int m, double **sys,
     for (int i = 0; i < N; ++i) F[i] = W1[m + i] + m;
 
     const double kappa = diffuse_kappa(var, mN);
-    const int d = initialise(m, mN, init, kappa, W1);
+    const int d = step_initialise(m, mN, init, kappa, W1);
     int count = -d;
-    if (dLogDet) *dLogDet = -d * std::log(kappa);
-    if (dSumSq) *dSumSq = 0.0;
+    // The likelihood pieces accumulate locally and are written back on every
+    // return (a failed filter still reports what it had summed).
+    double logdet_sum = -d * std::log(kappa), sumsq = 0.0;
+    auto finish = [&](int rc) {
+        if (dLogDet) *dLogDet = logdet_sum;
+        if (rc && dSumSq) sumsq /= count;
+        if (dSumSq) *dSumSq = sumsq;
+        if (rc && cnt) *cnt = count;
+        return rc;
+    };
+
+    StepFrame frame;
+    build_pattern(frame, sys, sysidx, mN, m);
+    SteadyState steady_state(allow_steady && !sysidx && !varidx, m, mN);
+    bool steady = false;
 
     double *a = W1[mN];
     double *v = W1[mN] + m;
-    const double *p = W2[mN];
+    double *p = W2[mN];
 
     for (int t = 0; t < n; ++t) {
-        write_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
-        predict(m, mN, sys, var, mean, W1, W2);
+        step_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
+        int missing = 0;
+        for (int i = 0; i < N; ++i) missing += std::isnan(y[i][t]) ? 1 : 0;
+
+        if (steady && !missing) {
+            // A run of fully observed steps in the cycle: the arithmetic of
+            // multi_update_mean on the saved blocks (gain in the top-right
+            // block, F^-1 in the bottom-right), the state held locally.
+            double al[SteadyState::kMaxOrder], vl[SteadyState::kMaxOrder];
+            for (int j = 0; j < m; ++j) al[j] = a[j];
+            int k = 0;
+            for (int s = t; s < n; ++s, ++k) {
+                if (s > t && meanidx) step_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
+                bool all = true;
+                for (int i = 0; i < N; ++i) all &= !std::isnan(y[i][s]);
+                if (!all) break;
+                const double *B = steady_state.block(k);
+                if (frame.ok)
+                    step_predict(frame, sys, mean, al, p);
+                else
+                    for (int r = 0; r < mN; ++r) {
+                        double acc = mean[r];
+                        for (int j = 0; j < m; ++j) acc += sys[r][j] * al[j];
+                        p[r] = acc;
+                    }
+                for (int i = 0; i < N; ++i) vl[i] = y[i][s] - p[m + i];
+                count += N;
+                logdet_sum += steady_state.logv(k);
+                double q = 0.0;
+                for (int i = 0; i < N; ++i) {
+                    const double *Fi = B + (m + i) * mN + m;
+                    double row = 0.0;
+                    for (int c = 0; c < N; ++c) row += Fi[c] * vl[c];
+                    q += vl[i] * row;
+                }
+                sumsq += q;
+                if (store) {
+                    for (int i = 0; i < N; ++i) store[i][s] = vl[i];
+                    int row = N;
+                    for (int i = 0; i < N; ++i) {
+                        for (int r = 0; r < m; ++r) store[row++][s] = B[r * mN + m + i];
+                        for (int c = 0; c <= i; ++c) store[row++][s] = B[(m + c) * mN + m + i];
+                    }
+                }
+                for (int r = 0; r < m; ++r) {
+                    const double *Kr = B + r * mN + m;
+                    double acc = p[r];
+                    for (int c = 0; c < N; ++c) acc += Kr[c] * vl[c];
+                    al[r] = acc;
+                }
+            }
+            for (int j = 0; j < m; ++j) a[j] = al[j];
+            for (int i = 0; i < N; ++i) v[i] = vl[i];
+            steady_state.settle(W1, k);
+            if (steady_steps) *steady_steps += k;
+            steady = false;
+            t += k - 1;  // the step that ended the run is taken next
+            continue;
+        }
+        steady = false;
+        if (steady_state.usable()) {
+            if (missing)
+                steady_state.broken();
+            else
+                steady_state.before(W1);
+        }
+        step_prior(frame, m, mN, sys, var, mean, W1, W2, false);
 
         // Innovations; a missing element gets a unit row and column in F so
         // that the inversion leaves the observed part untouched.
-        int missing = 0;
         for (int i = 0; i < N; ++i) {
             const double yi = y[i][t];
             if (FIsNaN(yi)) {
@@ -125,7 +468,6 @@ TESSEL_EXPORT int fMultiKalmanFil(int N, int n, double **y, int m, double **sys,
                 for (int k = 0; k < mN; ++k) W1[r][k] = W1[k][r] = 0.0;
                 W1[r][r] = 1.0;
                 SetNaN(&v[i]);
-                ++missing;
             } else {
                 ++count;
                 v[i] = yi - p[m + i];
@@ -144,7 +486,7 @@ TESSEL_EXPORT int fMultiKalmanFil(int N, int n, double **y, int m, double **sys,
         double logdet = 0.0;
         int sign = 0;
         IInvDet(F, N, &logdet, &sign);
-        if (sign == 0) return 0;  // F view freed by its guard
+        if (sign == 0) return finish(0);  // F view freed by its guard
 
         if (missing)
             for (int i = 0; i < N; ++i)
@@ -154,123 +496,73 @@ TESSEL_EXPORT int fMultiKalmanFil(int N, int n, double **y, int m, double **sys,
                 }
 
         // K = M Finv: M' is read from the bottom-left block of Pbar, K is
-        // written into the top-right block.
+        // written into the top-right block, row by row as combinations of
+        // the rows of Finv.
         for (int r = 0; r < m; ++r) {
             double *Kr = W1[r] + m;
-            for (int i = 0; i < N; ++i) {
-                double acc = 0.0;
-                for (int k = 0; k < N; ++k) acc += W1[m + k][r] * F[k][i];
-                Kr[i] = acc;
+            for (int i = 0; i < N; ++i) Kr[i] = 0.0;
+            for (int k = 0; k < N; ++k) {
+                const double mk = W1[m + k][r];
+                const double *fk = F[k];
+                for (int i = 0; i < N; ++i) Kr[i] += mk * fk[i];
             }
         }
 
-        if (dLogDet) *dLogDet += logdet;
-        if (dSumSq) {
-            double q = 0.0;
-            for (int i = 0; i < N; ++i) {
-                double row = 0.0;
-                for (int k = 0; k < N; ++k) row += F[i][k] * v[k];
-                q += v[i] * row;
-            }
-            *dSumSq += q;
-        }
+        multi_update_mean(N, m, t, W1, F, v, p, a, logdet, store, logdet_sum, sumsq);
 
-        if (store) {
-            for (int i = 0; i < N; ++i) store[i][t] = v[i];
-            int row = N;
-            for (int i = 0; i < N; ++i) {
-                for (int r = 0; r < m; ++r) store[row++][t] = W1[r][m + i];
-                for (int k = 0; k <= i; ++k) store[row++][t] = F[k][i];
-            }
-        }
-
-        // a(t+1) = p + K v; P(t+1) = Pbar - K M', upper triangle then mirrored.
+        // P(t+1) = Pbar - K M': row r of the upper triangle less the rows of
+        // M' (bottom-left block) weighted by row r of K; then mirrored.
         for (int r = 0; r < m; ++r) {
+            double *Pr = W1[r];
             const double *Kr = W1[r] + m;
-            double acc = p[r];
-            for (int k = 0; k < N; ++k) acc += Kr[k] * v[k];
-            a[r] = acc;
-        }
-        for (int r = 0; r < m; ++r) {
-            const double *Kr = W1[r] + m;
-            for (int c = r; c < m; ++c) {
-                double acc = W1[r][c];
-                for (int k = 0; k < N; ++k) acc -= Kr[k] * W1[m + k][c];
-                W1[r][c] = acc;
-                W1[c][r] = acc;
+            for (int k = 0; k < N; ++k) {
+                const double kk = Kr[k];
+                const double *Mk = W1[m + k];
+                for (int c = r; c < m; ++c) Pr[c] -= kk * Mk[c];
             }
         }
+        for (int r = 0; r < m; ++r)
+            for (int c = r + 1; c < m; ++c) W1[c][r] = W1[r][c];
+
+        if (steady_state.usable() && !missing) steady = steady_state.after(W1, logdet);
     }
 
-    if (count < 1) return 0;
-    if (dSumSq) *dSumSq /= count;
-    if (cnt) *cnt = count;
-    return 1;
+    return finish(count < 1 ? 0 : 1);
+}
+
+int tessel::univ_kalman_filter(int n, const double *y, int m, double **sys, double **var,
+                               double *mean, int **sysidx, int **varidx, int *meanidx,
+                               double **tvdata, double **init, double **W1, double **W2,
+                               double **store, double *dLogDet, double *dSumSq, int *cnt,
+                               bool allow_steady, long *steady_steps) {
+    switch (m) {
+    case 1:
+        return univ_filter<1>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init, W1,
+                              W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
+    case 2:
+        return univ_filter<2>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init, W1,
+                              W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
+    case 3:
+        return univ_filter<3>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init, W1,
+                              W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
+    default:
+        return univ_filter<0>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init, W1,
+                              W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
+    }
+}
+
+TESSEL_EXPORT int fMultiKalmanFil(int N, int n, double **y, int m, double **sys, double **var,
+                                  double *mean, int **sysidx, int **varidx, int *meanidx,
+                                  double **tvdata, double **init, double **W1, double **W2,
+                                  double **store, double *dLogDet, double *dSumSq, int *cnt) {
+    return multi_kalman_filter(N, n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init,
+                               W1, W2, store, dLogDet, dSumSq, cnt, true, nullptr);
 }
 
 TESSEL_EXPORT int fUnivKalmanFil(int n, double *y, int m, double **sys, double **var,
                                  double *mean, int **sysidx, int **varidx, int *meanidx,
                                  double **tvdata, double **init, double **W1, double **W2,
                                  double **store, double *dLogDet, double *dSumSq, int *cnt) {
-    const int mN = m + 1;
-    const double kappa = diffuse_kappa(var, mN);
-    const int d = initialise(m, mN, init, kappa, W1);
-    int count = -d;
-    if (dLogDet) *dLogDet = -d * std::log(kappa);
-    if (dSumSq) *dSumSq = 0.0;
-
-    double *a = W1[mN];  // a in columns 0..m-1, v in column m
-    double *K = W1[m];   // row m of Pbar: M, then scaled into the gain
-    const double *p = W2[mN];
-
-    for (int t = 0; t < n; ++t) {
-        write_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
-        predict(m, mN, sys, var, mean, W1, W2);
-
-        if (FIsNaN(y[t])) {
-            for (int k = 0; k < m; ++k) a[k] = p[k];
-            SetNaN(&a[m]);
-            if (store) {
-                SetNaN(&store[0][t]);
-                for (int r = 1; r <= mN; ++r) store[r][t] = 0.0;
-            }
-            continue;
-        }
-
-        const double v = y[t] - p[m];
-        a[m] = v;
-        const double F = K[m];
-        if (F == 0.0) return 0;
-        const double Finv = 1.0 / F;
-        K[m] = Finv;
-        for (int k = 0; k < m; ++k) K[k] *= Finv;
-
-        // A negative F is filtered through but not counted.
-        if (Finv > 0.0) {
-            ++count;
-            if (dLogDet) *dLogDet -= std::log(Finv);
-            if (dSumSq) *dSumSq += v * v * Finv;
-        }
-
-        if (store) {
-            store[0][t] = v;
-            for (int r = 0; r <= m; ++r) store[r + 1][t] = K[r];
-        }
-
-        for (int j = 0; j < m; ++j) a[j] = p[j] + K[j] * v;
-        // P(t+1) = Pbar - M K', with M the unscaled last column of Pbar.
-        for (int j = 0; j < m; ++j) {
-            const double Mj = W1[j][m];
-            for (int k = j; k < m; ++k) {
-                const double x = W1[j][k] - Mj * K[k];
-                W1[j][k] = x;
-                W1[k][j] = x;
-            }
-        }
-    }
-
-    if (count < 1) return 0;
-    if (dSumSq) *dSumSq /= count;
-    if (cnt) *cnt = count;
-    return 1;
+    return univ_kalman_filter(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init, W1,
+                              W2, store, dLogDet, dSumSq, cnt, true, nullptr);
 }

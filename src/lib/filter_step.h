@@ -1,0 +1,246 @@
+// filter_step.h - the pieces of one forward filter step that the filters
+// and the prediction pass share, written for the small matrices of the
+// recursions: the nonzero pattern of SysMat found once per call, the
+// prediction mean + SysMat a and the joint variance
+//   Pbar = SysMat P SysMat' + VarMat
+// computed over that pattern, with nothing allocated (all scratch lives in
+// a fixed-size frame on the caller's stack).
+//
+// The pattern holds every entry of SysMat that is nonzero on entry or marked
+// time-varying in SysIdx; the values themselves are read from SysMat at every
+// use, so time-varying writes are seen. Skipping the structural zeros changes
+// only the order of the additions, so results agree with the dense products
+// to rounding. Models too large for the frame use the host's dense routines.
+#pragma once
+
+#include <cmath>
+
+#include "frame.h"
+
+namespace tessel {
+
+struct StepFrame {
+    enum { kMaxOrder = 64, kMaxEntries = 1024, kMaxScratch = 2048 };
+    bool ok = false;       // pattern built; false -> dense host routines
+    int rows = 0, cols = 0;
+    int start[kMaxOrder + 1];
+    bool dense[kMaxOrder];  // row with every column present
+    int unit[kMaxOrder];    // column of a row that is one fixed 1, else -1
+    int col[kMaxEntries];
+    double X[kMaxScratch];  // SysMat P, row by row
+};
+
+// Finds the pattern of the (mN x m) SysMat; false (frame unusable) when the
+// model does not fit the frame.
+inline bool build_pattern(StepFrame &f, double **sys, int **sysidx, int mN, int m) {
+    f.ok = false;
+    if (m < 1 || mN > StepFrame::kMaxOrder || mN * m > StepFrame::kMaxScratch) return false;
+    int e = 0;
+    for (int i = 0; i < mN; ++i) {
+        f.start[i] = e;
+        for (int j = 0; j < m; ++j)
+            if (sys[i][j] != 0.0 || (sysidx && sysidx[i][j] >= 0)) {
+                if (e == StepFrame::kMaxEntries) return false;
+                f.col[e++] = j;
+            }
+        f.dense[i] = (e - f.start[i]) == m;
+        // A row that copies one state (shift rows of lags and seasonals):
+        // multiplying by 1 is exact, so copying gives the same numbers.
+        const int k = f.col[f.start[i]];
+        f.unit[i] = (e - f.start[i]) == 1 && sys[i][k] == 1.0 && !(sysidx && sysidx[i][k] >= 0) ? k : -1;
+    }
+    f.start[mN] = e;
+    f.rows = mN;
+    f.cols = m;
+    f.ok = true;
+    return true;
+}
+
+// Dot product with four partial sums (independent chains of additions).
+__attribute__((always_inline)) inline double step_dot(const double *a, const double *b, int n) {
+    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+    int i = 0;
+    for (; i + 4 <= n; i += 4) {
+        s0 += a[i] * b[i];
+        s1 += a[i + 1] * b[i + 1];
+        s2 += a[i + 2] * b[i + 2];
+        s3 += a[i + 3] * b[i + 3];
+    }
+    for (; i < n; ++i) s0 += a[i] * b[i];
+    return (s0 + s1) + (s2 + s3);
+}
+
+// p[k] = mean[k] + SysMat[k] a over the pattern, k < mN.
+__attribute__((always_inline)) inline void step_predict(const StepFrame &f, double **sys,
+                                                        const double *mean, const double *a,
+                                                        double *p) {
+    for (int k = 0; k < f.rows; ++k) {
+        const double *s = sys[k];
+        double acc = mean[k];
+        if (f.unit[k] >= 0)
+            acc += a[f.unit[k]];
+        else if (f.dense[k])
+            acc += step_dot(s, a, f.cols);
+        else
+            for (int e = f.start[k]; e < f.start[k + 1]; ++e) acc += s[f.col[e]] * a[f.col[e]];
+        p[k] = acc;
+    }
+}
+
+// R = SysMat P SysMat' (+ VarMat when var is given), with P the top-left
+// m x m block of W (symmetric, both triangles held). R may be W itself: P is
+// read in full before R is written. The upper triangle is computed and the
+// lower receives the same product (plus VarMat's own lower element, as an
+// element-wise addition would give).
+__attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, double **sys,
+                                                               double **W, double **var,
+                                                               double **R) {
+    const int mN = f.rows, m = f.cols;
+    double *X = f.X;
+    // X = SysMat P: row i is a combination of the rows of P.
+    for (int i = 0; i < mN; ++i) {
+        double *x = X + i * m;
+        const double *s = sys[i];
+        const int e0 = f.start[i], e1 = f.start[i + 1];
+        if (f.unit[i] >= 0) {
+            const double *pk = W[f.unit[i]];
+            for (int c = 0; c < m; ++c) x[c] = pk[c];
+            continue;
+        }
+        if (f.dense[i]) {
+            // P symmetric: column c of P is its row c.
+            for (int c = 0; c < m; ++c) x[c] = step_dot(s, W[c], m);
+            continue;
+        }
+        if (e0 == e1) {
+            for (int c = 0; c < m; ++c) x[c] = 0.0;
+            continue;
+        }
+        {
+            const int k = f.col[e0];
+            const double sk = s[k];
+            const double *pk = W[k];
+            for (int c = 0; c < m; ++c) x[c] = sk * pk[c];
+        }
+        for (int e = e0 + 1; e < e1; ++e) {
+            const int k = f.col[e];
+            const double sk = s[k];
+            const double *pk = W[k];
+            for (int c = 0; c < m; ++c) x[c] += sk * pk[c];
+        }
+    }
+    // R[i][j] = X[i] . SysMat[j] for j >= i.
+    for (int i = 0; i < mN; ++i) {
+        const double *x = X + i * m;
+        for (int j = i; j < mN; ++j) {
+            const double *s = sys[j];
+            double acc;
+            if (f.unit[j] >= 0) {
+                acc = x[f.unit[j]];
+            } else if (f.dense[j]) {
+                acc = step_dot(x, s, m);
+            } else {
+                acc = 0.0;
+                for (int e = f.start[j]; e < f.start[j + 1]; ++e) acc += x[f.col[e]] * s[f.col[e]];
+            }
+            if (var) {
+                R[i][j] = acc + var[i][j];
+                R[j][i] = acc + var[j][i];
+            } else {
+                R[i][j] = acc;
+                R[j][i] = acc;
+            }
+        }
+    }
+}
+
+// The first two pieces of a filter step, by the pattern when the frame is
+// usable and by the host's dense routines otherwise: p = mean + SysMat a
+// (W2 row mN), Pbar = SysMat P SysMat' + VarMat (W1 top block). With
+// keep_product, W2's top block receives SysMat P SysMat' as well.
+inline void step_prior(StepFrame &f, int m, int mN, double **sys, double **var,
+                       const double *mean, double **W1, double **W2, bool keep_product) {
+    if (f.ok) {
+        step_predict(f, sys, mean, W1[mN], W2[mN]);
+        if (keep_product) {
+            step_joint_variance(f, sys, W1, nullptr, W2);
+            MatAdd(W2, mN, mN, var, 1.0, W1);
+        } else {
+            step_joint_variance(f, sys, W1, var, W1);
+        }
+        return;
+    }
+    const double *a = W1[mN];
+    double *p = W2[mN];
+    for (int k = 0; k < mN; ++k) {
+        const double *s = sys[k];
+        double acc = mean[k];
+        for (int j = 0; j < m; ++j) acc += s[j] * a[j];
+        p[k] = acc;
+    }
+    MatBSBt(sys, mN, W1, m, W2);
+    MatAdd(W2, mN, mN, var, 1.0, W1);
+}
+
+// Writes the time-t values of the time-varying elements straight from the
+// open index tables (each may be null).
+inline void step_time_varying(int t, int m, int mN, double **sys, double **var, double *mean,
+                              int **sysidx, int **varidx, const int *meanidx, double **tvdata) {
+    if (meanidx)
+        for (int k = 0; k < mN; ++k)
+            if (meanidx[k] >= 0) mean[k] = tvdata[meanidx[k]][t];
+    if (sysidx)
+        for (int k = 0; k < mN; ++k) {
+            const int *idx = sysidx[k];
+            for (int j = 0; j < m; ++j)
+                if (idx[j] >= 0) sys[k][j] = tvdata[idx[j]][t];
+        }
+    if (varidx)
+        for (int k = 0; k < mN; ++k) {
+            const int *idx = varidx[k];
+            for (int j = 0; j < mN; ++j)
+                if (idx[j] >= 0) var[k][j] = tvdata[idx[j]][t];
+        }
+}
+
+// Initial state mean and variance into W1 (a in row mN, P top-left), the
+// diffuse elements at kappa. Returns d, the number of diffuse elements.
+inline int step_initialise(int m, int mN, double **init, double kappa, double **W1) {
+    double *a = W1[mN];
+    if (!init) {
+        MatZero(W1, mN + 1, mN);
+        for (int k = 0; k < m; ++k) W1[k][k] = kappa;
+        return m;
+    }
+    int d = 0;
+    for (int k = 0; k < m; ++k) {
+        a[k] = init[m][k];
+        if (init[k][k] < 0.0) {
+            W1[k][k] = kappa;
+            for (int j = 0; j < k; ++j) W1[j][k] = W1[k][j] = 0.0;
+            ++d;
+        } else {
+            // Lower triangle read and mirrored; a later proper row still
+            // writes into the column of an earlier diffuse element.
+            W1[k][k] = init[k][k];
+            for (int j = 0; j < k; ++j) W1[j][k] = W1[k][j] = init[k][j];
+        }
+    }
+    return d;
+}
+
+// Internal forms of the two filters with the steady-state shortcut
+// switchable (the exported routines allow it) and, when steady_steps is not
+// null, the number of steps it took added there; tests compare both
+// settings.
+int univ_kalman_filter(int n, const double *y, int m, double **sys, double **var, double *mean,
+                       int **sysidx, int **varidx, int *meanidx, double **tvdata, double **init,
+                       double **W1, double **W2, double **store, double *dLogDet,
+                       double *dSumSq, int *cnt, bool allow_steady, long *steady_steps);
+int multi_kalman_filter(int N, int n, double **y, int m, double **sys, double **var,
+                        double *mean, int **sysidx, int **varidx, int *meanidx, double **tvdata,
+                        double **init, double **W1, double **W2, double **store,
+                        double *dLogDet, double *dSumSq, int *cnt, bool allow_steady,
+                        long *steady_steps);
+
+}  // namespace tessel
