@@ -256,18 +256,37 @@ void model_arguments(Decoder &d, Call &c, const ModelEntry &e) {
     c.args.push_back(d.matrix(maybe_off(d, data_rows), maybe_off(d, n)));
     c.args.push_back(d.matrix(maybe_off(d, p), maybe_off(d, m)));  // SysMat
     c.args.push_back(d.matrix(maybe_off(d, p), maybe_off(d, p)));  // VarMat
-    const int optional = d.u8() % 7;  // InitMat .. TvData
-    const int shapes[6][2] = {{m + 1, m}, {p, 1}, {p, m}, {p, p}, {p, 1}, {1 + d.u8() % 4, n}};
+    // InitMat .. TvData: how many follow; with all six, often a well-formed
+    // time-varying block (index entries mostly -1 or a TvData row).
+    const std::uint8_t opt = d.u8();
+    const int optional = opt < 96 ? 6 : opt % 7;
+    const bool tv_block = optional == 6 && opt < 96;
+    const int tv_rows = 1 + d.u8() % 4;
+    const int shapes[6][2] = {{m + 1, m}, {p, 1}, {p, m}, {p, p}, {p, 1}, {tv_rows, n}};
     for (int k = 0; k < optional; ++k) {
         const std::uint8_t how = d.u8();
-        if (how < 40)
+        if (tv_block && k >= 2 && k <= 4 && how >= 40) {
+            Value idx = Value::matrix(shapes[k][0], shapes[k][1]);
+            for (int r = 0; r < idx.rows(); ++r)
+                for (int col = 0; col < idx.cols(); ++col) {
+                    const std::uint8_t e = d.u8();
+                    double x = -1.0;
+                    if (e >= 176) x = static_cast<double>(e % (tv_rows + 1));  // one past the end at times
+                    if (e >= 250) x = e == 255 ? -0.5 : e == 254 ? 2147483648.0 : x + 0.9;
+                    idx.at(r, col) = x;
+                }
+            c.args.push_back(std::move(idx));
+        } else if (tv_block && k == 5 && how >= 20) {
+            c.args.push_back(d.matrix(tv_rows, n));
+        } else if (how < 40) {
             c.args.push_back(Value::real(0.0));  // absent
-        else if (how < 60)
+        } else if (how < 60) {
             c.args.push_back(Value::empty());
-        else if (how < 70)
+        } else if (how < 70) {
             c.args.push_back(d.plain());
-        else
+        } else {
             c.args.push_back(d.matrix(maybe_off(d, shapes[k][0]), maybe_off(d, shapes[k][1])));
+        }
     }
 }
 

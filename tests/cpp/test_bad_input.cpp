@@ -832,15 +832,6 @@ std::vector<Hostile> catalogue() {
         c->ref(Value::empty());
         return c;
     }, raises(zu::kErrorMessage, "AddLgmReg(): argument 3 wrong matrix dimension"));
-    add("AddLgmReg", "0 x 2^31-1 SysMat: m + 1 does not fit an int", [] {
-        auto c = std::make_unique<CallArgs>();
-        c->add(mat(1, 2, {1, 2}));
-        c->ref(Value::matrix(0, INT_MAX));
-        c->ref(Value::matrix(2, 2));
-        c->ref(Value::matrix(2, 1));
-        c->ref(Value::empty());
-        return c;
-    }, raises(zu::kErrorMessage, "AddLgmReg(): argument 2 wrong matrix dimension"));
     add("GetLgmSpline", "six arguments", [] {
         auto c = std::make_unique<CallArgs>();
         c->add(Value::real(1));
