@@ -295,12 +295,17 @@ void builder_arguments(Decoder &d, Call &c, const std::string &name) {
         for (int k = 0; k < 2; ++k) {
             const std::uint8_t how = d.u8();
             const int len = d.u8() % 13;  // see the cost bound above
-            if (how < 100)
+            if (how < 100) {
                 c.args.push_back(d.matrix(1, len));
-            else if (how < 200)
+            } else if (how < 200) {
                 c.args.push_back(d.matrix(len, 1));
-            else
-                c.args.push_back(d.plain());
+            } else {
+                Value v = d.plain();
+                // a longer vector would only be slow (see the cost bound)
+                if (v.type() == ZU_MATRIX && (v.rows() == 1 || v.cols() == 1) && v.rows() * static_cast<long>(v.cols()) > 12)
+                    v = d.matrix(v.rows() == 1 ? 1 : 12, v.rows() == 1 ? 12 : 1);
+                c.args.push_back(std::move(v));
+            }
         }
         c.args.push_back(d.u8() < 230 ? Value::real(d.real()) : d.plain());
         for (int k = 0; k < 3; ++k) c.ref(d.u8() < 230 ? Value() : d.plain());
