@@ -16,6 +16,8 @@ import pandas as pd
 import pytest
 
 import tessel
+from models import call_refs as _ref_call
+from models import recursion_reference
 from oracle import Oracle, StateSpace
 
 # Oracle comparisons with proper initial states: both sides are exact
@@ -23,12 +25,6 @@ from oracle import Oracle, StateSpace
 # condition numbers of the small covariance matrices used here).
 RTOL = 1e-8
 ATOL = 1e-9
-
-
-def _ref_call(name, *args, refs=3):
-    out = [tessel.Ref() for _ in range(refs)]
-    ret = tessel.call(name, *args, *out)
-    return ret, [r.value for r in out]
 
 
 # ------------------------------------------------------------- builders
@@ -85,31 +81,26 @@ def test_regression_and_spline_builders_equal_direct_calls():
     rng = np.random.default_rng(1)
     X = rng.normal(size=(12, 2))                       # time-major, as the API takes it
     model = tessel.regression(X)
-    _, (S, V, I, SI) = _ref_call("GetLgmReg", X.T.copy(), refs=4)
-    for a, b in ((model.sys, S), (model.var, V), (model.init, I), (model.sysidx, SI)):
+    _, direct = _ref_call("GetLgmReg", X.T.copy(), refs=4)
+    for a, b in zip((model.sys, model.var, model.init, model.sysidx, model.tvdata), direct + [X.T]):
         np.testing.assert_array_equal(a, b)
-    np.testing.assert_array_equal(model.tvdata, X.T)
 
     base = tessel.structural([tessel.Level(1.5), tessel.Irregular(0.5)])
     ext = tessel.add_regression(base, X)
-    S, V, I, SI = (tessel.Ref(x) for x in (base.sys, base.var, base.init, tessel.EMPTY))
-    tessel.call("AddLgmReg", X.T.copy(), S, V, I, SI)
-    for a, b in ((ext.sys, S.value), (ext.var, V.value), (ext.init, I.value), (ext.sysidx, SI.value)):
-        np.testing.assert_array_equal(a, b)
+    refs = [tessel.Ref(x) for x in (base.sys, base.var, base.init, tessel.EMPTY)]
+    tessel.call("AddLgmReg", X.T.copy(), *refs)
+    for a, r in zip((ext.sys, ext.var, ext.init, ext.sysidx), refs):
+        np.testing.assert_array_equal(a, r.value)
     # the component layout moves behind the two regression states
     assert [s for _, s, _, _ in ext.info["components"]] == [2, 3]
 
     d = np.array([1.0, 0.5, 2.0, 1.5])
     sp = tessel.spline(3.0, d)
-    S, V, I, SI, VI, TV = (tessel.Ref() for _ in range(6))
-    tessel.call("GetLgmSpline", 3.0, d[None, :], S, V, I, SI, VI, TV)
-    for a, b in ((sp.sys, S.value), (sp.var, V.value), (sp.init, I.value), (sp.sysidx, SI.value),
-                 (sp.varidx, VI.value), (sp.tvdata, TV.value)):
+    _, direct = _ref_call("GetLgmSpline", 3.0, d[None, :], refs=6)
+    for a, b in zip((sp.sys, sp.var, sp.init, sp.sysidx, sp.varidx, sp.tvdata), direct):
         np.testing.assert_array_equal(a, b)
     fixed = tessel.spline(3.0)
-    S, V, I = tessel.Ref(), tessel.Ref(), tessel.Ref()
-    tessel.call("GetLgmSpline", 3.0, tessel.EMPTY, S, V, I)
-    np.testing.assert_array_equal(fixed.var, V.value)
+    np.testing.assert_array_equal(fixed.var, _ref_call("GetLgmSpline", 3.0, tessel.EMPTY)[1][1])
     assert not fixed.time_varying
 
 
@@ -396,11 +387,10 @@ def test_recursion_and_simulate():
     rng = np.random.default_rng(2)
     u = rng.normal(size=(6, 3))
     out = tessel.recursion(model, u)
-    alpha = init[2] + init[:2] @ u[0, :2]
-    for t in range(5):
-        assert out.state[t] == pytest.approx(alpha, rel=1e-12, abs=1e-12)
-        assert out.observation[t, 0] == pytest.approx(2.0 + alpha[0] + u[t + 1, 2], rel=1e-12)
-        alpha = mean[:2, 0] + sys_[:2] @ alpha + u[t + 1, :2]
+    ref = recursion_reference(StateSpace(sys_, var, init=init, mean=mean), u.T,
+                              init[2] + init[:2] @ u[0, :2])
+    np.testing.assert_allclose(out.state, ref[:2, :-1].T, rtol=1e-12, atol=1e-12)
+    np.testing.assert_allclose(out.observation, ref[2:, 1:].T, rtol=1e-12, atol=1e-12)
 
     ar = tessel.arma([0.6], [], 1.0)
     sim = tessel.simulate(ar, 20000, seed=4)

@@ -20,11 +20,12 @@ The leak check after every test is the autouse fixture of conftest.py.
 
 import numpy as np
 import pytest
-from scipy.linalg import solve_discrete_lyapunov
+from scipy.linalg import solve_discrete_lyapunov as lyapunov
 from statsmodels.tsa.arima_process import arma_acovf
 
 import tessel
-from oracle import KAPPA_FACTOR, TWO_PI, Oracle, StateSpace
+from models import BSM_SIGMAS, BSM_TABLE, Block, bsm_data, bsm_statsmodels, call_refs, lgm_lik
+from oracle import KAPPA_FACTOR, TWO_PI
 
 EMPTY = tessel.EMPTY
 
@@ -38,10 +39,9 @@ ATOL_ASSIGNED = 1e-14
 
 def arma(ar, ma, sigma):
     """(return value, SysMat, VarMat, InitMat, messages) of GetLgmArma."""
-    sys, var, init = tessel.Ref(), tessel.Ref(), tessel.Ref()
     with tessel.capture_messages() as msgs:
-        ok = tessel.call("GetLgmArma", ar, ma, sigma, sys, var, init)
-    return ok, sys.value, var.value, init.value, list(msgs)
+        ok, (sys, var, init) = call_refs("GetLgmArma", ar, ma, sigma)
+    return ok, sys, var, init, list(msgs)
 
 
 def row(v):
@@ -63,10 +63,8 @@ class Stsm:
     """A structural model built by GetLgmStsm, split into its parts."""
 
     def __init__(self, table):
-        table = np.asarray(table, dtype=float)
-        sys, var, init = tessel.Ref(), tessel.Ref(), tessel.Ref()
-        self.start = tessel.call("GetLgmStsm", table, sys, var, init)
-        self.sys, self.var, self.init = sys.value, var.value, init.value
+        self.start, (self.sys, self.var, self.init) = call_refs(
+            "GetLgmStsm", np.asarray(table, dtype=float))
         m = self.sys.shape[1]
         self.m = m
         self.T, self.Z = self.sys[:m], self.sys[m]
@@ -78,17 +76,6 @@ class Stsm:
     def block(self, start, size):
         s = slice(start, start + size)
         return self.T[s, s], self.Z[s], self.Q[s, s], self.P[s, s]
-
-
-def stsm_error(table):
-    sys, var, init = tessel.Ref(), tessel.Ref(), tessel.Ref()
-    with pytest.raises(tessel.ZuError) as err:
-        tessel.call("GetLgmStsm", np.asarray(table, dtype=float), sys, var, init)
-    return str(err.value)
-
-
-def lyapunov(T, Q):
-    return solve_discrete_lyapunov(T, Q)
 
 
 # ---------------------------------------------------------------------- ARMA
@@ -374,16 +361,16 @@ def test_placement_does_not_depend_on_row_order():
     ([[1, 1], [19, 1]], "no model specified in argument 1"),
 ])
 def test_stsm_errors(table, text):
-    assert stsm_error(table) == "GetLgmStsm(): " + text
+    with pytest.raises(tessel.ZuError) as err:
+        call_refs("GetLgmStsm", np.asarray(table, dtype=float))
+    assert str(err.value) == "GetLgmStsm(): " + text
 
 
 # ---------------------------------------------------------------- regression
 
 
 def reg(x):
-    refs = [tessel.Ref() for _ in range(4)]
-    ok = tessel.call("GetLgmReg", x, *refs)
-    return ok, [r.value for r in refs]
+    return call_refs("GetLgmReg", x, refs=4)
 
 
 def test_get_lgm_reg_two_regressors():
@@ -446,9 +433,7 @@ def test_regression_coefficients_recovered_by_the_filter():
 
 
 def spline(q, delta, nargs):
-    refs = [tessel.Ref() for _ in range(nargs - 2)]
-    ok = tessel.call("GetLgmSpline", q, delta, *refs)
-    return ok, [r.value for r in refs]
+    return call_refs("GetLgmSpline", q, delta, refs=nargs - 2)
 
 
 def test_spline_forms():
@@ -482,29 +467,16 @@ def test_spline_model_runs_through_the_filter():
     delta = rng.uniform(0.2, 2.0, size=(1, n))
     y = (np.cumsum(np.cumsum(rng.normal(size=n)) * 0.1) + rng.normal(size=n) * 0.3).reshape(1, n)
     y[0, 12] = np.nan
-    ok, (sys, var, init, sysidx, varidx, tv) = spline(q, delta, 8)
-    ll, s2 = tessel.Ref(), tessel.Ref()
-    assert tessel.call("LgmLik", ll, s2, y, sys, var, init, EMPTY, sysidx, varidx, EMPTY, tv) == 1
-    model = StateSpace(sys, var, init=init, sysidx=sysidx, varidx=varidx, tvdata=tv)
-    ll_ref, s2_ref, _ = Oracle(model, y).loglik()
-    assert ll.value == pytest.approx(ll_ref, rel=1e-6)
-    assert s2.value == pytest.approx(s2_ref, rel=1e-6)
+    _, (sys, var, init, sysidx, varidx, tv) = spline(q, delta, 8)
+    b = Block(sys, var, y, init=init, sysidx=sysidx, varidx=varidx, tvdata=tv)
+    ok, ll, s2 = lgm_lik(y, *b.args())
+    ll_ref, s2_ref, _ = b.oracle().loglik()
+    assert ok == 1
+    assert ll == pytest.approx(ll_ref, rel=1e-6)
+    assert s2 == pytest.approx(s2_ref, rel=1e-6)
 
 
 # ------------------------------------------------------- statsmodels: BSM
-
-
-def simulate_bsm(rng, n, s_irr, s_lev, s_slo, s_sea):
-    """Level, slope, dummy seasonal of period 12 and irregular, simulated
-    straight from their defining equations."""
-    mu, beta = 10.0, 0.2
-    gam = list(rng.normal(size=11))
-    y = np.empty(n)
-    for t in range(n):
-        y[t] = mu + gam[0] + s_irr * rng.normal()
-        mu, beta = mu + beta + s_lev * rng.normal(), beta + s_slo * rng.normal()
-        gam = [-sum(gam) + s_sea * rng.normal()] + gam[:-1]
-    return y
 
 
 class TestBasicStructuralModelAgainstStatsmodels:
@@ -522,40 +494,25 @@ class TestBasicStructuralModelAgainstStatsmodels:
     burn-in, both compute the same thing and
         ll_library = ll_approx + (d / 2) log(2 pi kappa) + rounding."""
 
-    N_OBS = 144
     D = 13  # level, slope and 11 seasonal states, all diffuse
-    SIGMAS = (1.0, 0.5, 0.1, 0.3)  # irregular, level, slope, seasonal
+    PARAMS = np.array(BSM_SIGMAS) ** 2
 
     @pytest.fixture(scope="class")
     def data(self):
-        y = simulate_bsm(np.random.default_rng(5), self.N_OBS, *self.SIGMAS)
-        y[[40, 41, 97]] = np.nan  # gaps after the diffuse steps
-        return y
+        return bsm_data()  # 144 points, gaps after the diffuse steps
 
     def library_loglik(self, y):
-        s_irr, s_lev, s_slo, s_sea = self.SIGMAS
-        table = np.array([[0, s_lev, 0], [1, s_slo, 0], [3, s_sea, 12], [19, s_irr, 0]])
-        st = Stsm(table)
+        st = Stsm(BSM_TABLE)
         assert st.m == self.D and np.all(np.diag(st.P) == -1)
-        ll, s2 = tessel.Ref(), tessel.Ref()
-        assert tessel.call("LgmLik", ll, s2, y.reshape(1, -1), st.sys, st.var, st.init) == 1
-        kappa = KAPPA_FACTOR * max(1.0, np.diag(st.var).max())
-        return ll.value, kappa
-
-    def statsmodels_model(self, y, exact):
-        from statsmodels.tsa.statespace.structural import UnobservedComponents
-        return UnobservedComponents(y, level=True, trend=True, seasonal=12, irregular=True,
-                                    stochastic_level=True, stochastic_trend=True,
-                                    stochastic_seasonal=True, use_exact_diffuse=exact)
-
-    def params(self):
-        return np.array(self.SIGMAS) ** 2
+        ok, ll, _ = lgm_lik(y.reshape(1, -1), st.sys, st.var, st.init)
+        assert ok == 1
+        return ll, KAPPA_FACTOR * max(1.0, np.diag(st.var).max())
 
     def approx_loglik(self, y, kappa):
-        mod = self.statsmodels_model(y, exact=False)
+        mod = bsm_statsmodels(y, exact=False)
         mod.ssm.initialize_approximate_diffuse(kappa)
         mod.ssm.loglikelihood_burn = 0
-        return mod.loglike(self.params())
+        return mod.loglike(self.PARAMS)
 
     def test_same_kappa_approximate_diffuse(self, data):
         """Same algorithm on both sides: only rounding through the
@@ -574,7 +531,7 @@ class TestBasicStructuralModelAgainstStatsmodels:
         Without the correction the two differ by |c| / kappa only (about
         4e-6 here), which is the tolerance of the plain relation."""
         ll, kappa = self.library_loglik(data)
-        ll_exact = self.statsmodels_model(data, exact=True).loglike(self.params())
+        ll_exact = bsm_statsmodels(data, exact=True).loglike(self.PARAMS)
         half_d_log2pi = 0.5 * self.D * np.log(TWO_PI)
         small = kappa / 1000
         c = small * (self.approx_loglik(data, small) + 0.5 * self.D * np.log(TWO_PI * small)

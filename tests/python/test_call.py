@@ -7,8 +7,8 @@ comes out is exactly what the conversion put in (exact comparisons). The
 types the host actually received are read from its own type-check errors
 (``LgmWarning`` wants an integer). Numerical paths go through
 ``LgmRecursion`` (oracle: the model equations stepped in numpy) and
-``LgmLik``/``KalmanFil`` (oracle: the joint Gaussian of a local level model,
-conftest.LocalLevel).
+``LgmLik`` (oracle: the joint Gaussian of the local level model of
+conftest.py).
 """
 
 import os
@@ -23,6 +23,7 @@ import numpy as np
 import pytest
 
 import tessel
+from models import Block, recursion_reference
 
 INT_MAX = 2**31 - 1
 INT_MIN = -(2**31)
@@ -35,33 +36,18 @@ def echo(value):
     return r.value
 
 
-# ------------------------------------------------------------------ model
-
 # m = 2 states, N = 1 series, with intercepts and a correlated initial draw.
-T = np.array([[0.9, 0.2], [0.0, 0.5]])
-Z = np.array([[1.0, -0.7]])
-SYS = np.vstack([T, Z])
-VAR = np.diag([0.3, 0.2, 1.0])
-INIT = np.array([[1.0, 0.0], [0.3, 2.0], [0.5, -1.0]])  # P factor over mean a
-MEAN = np.array([[0.1], [-0.2], [0.3]])
+MODEL = Block([[0.9, 0.2], [0.0, 0.5], [1.0, -0.7]], np.diag([0.3, 0.2, 1.0]),
+              init=[[1.0, 0.0], [0.3, 2.0], [0.5, -1.0]], mean=[[0.1], [-0.2], [0.3]])
 
 
 def recursion_oracle(u):
-    """States over observations as LgmRecursion lays them out: column 0 is
-    (a + P u0; 0), column t+1 is (alpha(t+1); y(t))."""
-    m = T.shape[0]
-    out = np.zeros(u.shape)
-    s = INIT[m] + INIT[:m] @ u[:m, 0]
-    out[:m, 0] = s
-    for t in range(u.shape[1] - 1):
-        out[m:, t + 1] = MEAN[m:, 0] + Z @ s + u[m:, t + 1]
-        s = MEAN[:m, 0] + T @ s + u[:m, t + 1]
-        out[:m, t + 1] = s
-    return out
+    """Column 0 is (a + P u0; 0), then the model equations stepped in numpy."""
+    return recursion_reference(MODEL.model, u, MODEL.init[2] + MODEL.init[:2] @ u[:2, 0])
 
 
 def recursion(u):
-    return tessel.call("LgmRecursion", u, SYS, VAR, INIT, MEAN)
+    return tessel.call("LgmRecursion", u, *MODEL.args())
 
 
 @pytest.fixture
@@ -113,13 +99,11 @@ class TestScalars:
     def test_integer_value_reaches_the_library(self, local_level):
         # The message switch reads the integer: 0 and negatives silence the
         # failing likelihood's message, 1 and more bring it back.
-        zero_var = np.zeros((2, 2))
-        no_init = np.array([[0.0], [0.0]])
         for flag, expect in [(np.int16(0), 0), (-3, 0), (np.uint8(1), 1), (0, 0), (INT_MAX, 1)]:
             tessel.call("LgmWarning", flag)
             with tessel.capture_messages() as msgs:
                 ok = tessel.call("LgmLik", tessel.Ref(), tessel.Ref(), local_level.y,
-                                 local_level.sys, zero_var, no_init)
+                                 local_level.sys, np.zeros((2, 2)), np.zeros((2, 1)))
             assert ok == 0
             assert len(msgs) == expect, f"flag {flag!r}"
 
@@ -178,12 +162,6 @@ class TestMatrices:
         out[:] = -1
         np.testing.assert_array_equal(src, self.BASE)
 
-    def test_recursion_matches_the_model_equations(self, disturbances):
-        out = recursion(disturbances)
-        assert out.shape == disturbances.shape and out.dtype == np.float64
-        # A few dozen multiply-adds of O(1) numbers: agreement to rounding.
-        np.testing.assert_allclose(out, recursion_oracle(disturbances), rtol=1e-12, atol=1e-12)
-
     def test_every_input_layout_gives_identical_results(self, disturbances):
         # The host receives the same doubles whatever the layout or dtype, so
         # the results must be bit-identical.
@@ -194,61 +172,37 @@ class TestMatrices:
         for variant in (np.asfortranarray(u), u.astype(np.int16), big[::2, ::2], u.tolist(),
                         u.T.copy().T):
             np.testing.assert_array_equal(recursion(variant), want)
-        sys_f = np.asfortranarray(SYS)
-        init_view = np.vstack([INIT, np.zeros((1, 2))])[:3]
-        np.testing.assert_array_equal(
-            tessel.call("LgmRecursion", u, sys_f, VAR.astype(np.float32), init_view, MEAN.T.T), want)
-
-    def test_kalman_filter_store_orientation(self, local_level):
-        store = tessel.call("KalmanFil", local_level.y, local_level.sys, local_level.var,
-                            local_level.init)
-        n = local_level.y.shape[1]
-        assert isinstance(store, np.ndarray) and store.dtype == np.float64
-        assert store.shape == (3, n)  # m + 2 rows for one series, one column per time
-        v, f = local_level.innovations()
-        # Row 0: innovations; last row: 1 / F. Dense solves of a 12 x 12
-        # well-conditioned covariance: agreement to about 1e-12.
-        np.testing.assert_allclose(store[0], v, rtol=1e-10, atol=1e-12)
-        np.testing.assert_allclose(store[2], 1.0 / f, rtol=1e-10)
-
+        init_view = np.vstack([MODEL.init, np.zeros((1, 2))])[:3]
+        np.testing.assert_array_equal(tessel.call(
+            "LgmRecursion", u, np.asfortranarray(MODEL.sys), MODEL.var.astype(np.float32),
+            init_view, MODEL.mean.T.T), want)
 
 # -------------------------------------------------------------- references
 
 
 class TestReferences:
-    def test_likelihood_written_through_references(self, local_level):
-        ll, s2 = tessel.Ref(), tessel.Ref()
-        ok = tessel.call("LgmLik", ll, s2, local_level.y, local_level.sys, local_level.var,
-                         local_level.init)
-        want_ll, want_s2 = local_level.loglik()
-        assert ok == 1 and type(ok) is int
-        assert type(ll.value) is float and type(s2.value) is float
-        # Dense log-determinant and solve against the recursion: 1e-10 relative.
-        assert ll.value == pytest.approx(want_ll, rel=1e-10)
-        assert s2.value == pytest.approx(want_s2, rel=1e-10)
-
-    def test_missing_values_from_nan_and_masks(self, local_level):
+    @pytest.mark.parametrize("gaps", [False, True])
+    def test_likelihood_written_through_references(self, local_level, gaps):
+        # Missing values come as NaN or as masked elements; the caller's
+        # arrays, and an array held by a Ref, are never written.
         y = local_level.y.copy()
-        y[0, [2, 7]] = np.nan
-        local_level.y = y
-        want_ll, _ = local_level.loglik()
-        masked = np.ma.masked_invalid(y)
-        for data in (y, masked):
-            ll = tessel.Ref()
-            assert tessel.call("LgmLik", ll, tessel.Ref(), data, local_level.sys,
-                               local_level.var, local_level.init) == 1
+        if gaps:
+            y[0, [2, 7]] = np.nan
+        want_ll, want_s2, _ = local_level.oracle(y).loglik()
+        for data in (y, np.ma.masked_invalid(y)):
+            args = [data, *local_level.args()]
+            before = [np.ma.getdata(a).copy() for a in args]
+            held = np.array([[5.0, 6.0]])
+            ll, s2 = tessel.Ref(held), tessel.Ref(np.float64(3.0))
+            ok = tessel.call("LgmLik", ll, s2, *args)
+            assert ok == 1 and type(ok) is int
+            assert type(ll.value) is float and type(s2.value) is float
+            # Dense log-determinant and solve against the recursion: 1e-10 relative.
             assert ll.value == pytest.approx(want_ll, rel=1e-10)
-
-    def test_caller_arrays_are_never_written(self, local_level):
-        args = [local_level.y, local_level.sys, local_level.var, local_level.init]
-        before = [a.copy() for a in args]
-        held = np.array([[5.0, 6.0]])
-        ll, s2 = tessel.Ref(held), tessel.Ref(np.float64(3.0))
-        assert tessel.call("LgmLik", ll, s2, *args) == 1
-        for a, b in zip(args, before):
-            np.testing.assert_array_equal(a, b)
-        np.testing.assert_array_equal(held, [[5.0, 6.0]])
-        assert type(ll.value) is float and type(s2.value) is float
+            assert s2.value == pytest.approx(want_s2, rel=1e-10)
+            for a, b in zip(args, before):
+                np.testing.assert_array_equal(np.ma.getdata(a), b)
+            np.testing.assert_array_equal(held, [[5.0, 6.0]])
 
     def test_value_replaced_by_a_new_object(self):
         src = np.arange(6.0).reshape(2, 3)
@@ -280,38 +234,15 @@ class TestReferences:
         assert ll.value is held
 
     def test_builder_replaces_values_not_caller_arrays(self):
-        # Adding one regressor in front of a local level model (T = Z = 1,
-        # variances a and b, initial variance p and mean a0) gives, by the
-        # builder's definition, T = I, Z = (0, 1) with Z[0] from TvData row 0,
-        # VarMat = diag(0, a, b), initial variances (-1 = diffuse, p) and mean
-        # (0, a0).
-        a, b, p, a0 = 0.3, 0.7, 2.0, 0.5
-        sys_, var, init = np.array([[1.0], [1.0]]), np.diag([a, b]), np.array([[p], [a0]])
+        # One regressor added in front of a local level: every reference gets
+        # a new, larger matrix (their values are checked in test_builders).
+        sys_, var, init = np.array([[1.0], [1.0]]), np.diag([0.3, 0.7]), np.array([[2.0], [0.5]])
         kept = [sys_.copy(), var.copy(), init.copy()]
         refs = [tessel.Ref(sys_), tessel.Ref(var), tessel.Ref(init), tessel.Ref(tessel.EMPTY)]
-        x = np.arange(5.0).reshape(1, 5)
-        assert tessel.call("AddLgmReg", x, *refs) is None
-        np.testing.assert_array_equal(refs[0].value, [[1, 0], [0, 1], [0, 1]])
-        np.testing.assert_array_equal(refs[1].value, np.diag([0, a, b]))
-        np.testing.assert_array_equal(refs[2].value, [[-1, 0], [0, p], [0, a0]])
-        np.testing.assert_array_equal(refs[3].value, [[-1, -1], [-1, -1], [0, -1]])
+        assert tessel.call("AddLgmReg", np.arange(5.0).reshape(1, 5), *refs) is None
+        assert [r.value.shape for r in refs] == [(3, 2), (3, 3), (3, 2), (3, 2)]
         for arr, copy in zip((sys_, var, init), kept):
             np.testing.assert_array_equal(arr, copy)
-
-    def test_matrices_written_into_references(self):
-        # Spline model: TvData column j is (d, q d, q d^2 / 2, q d^3 / 3) for
-        # the spacing d = delta_j; a handful of roundings per element.
-        q = 0.3
-        spacing = np.array([[9.0, 1.0, 9.0, 0.5, 9.0, 2.0, 9.0, 3.0]])[:, 1::2]
-        refs = [tessel.Ref() for _ in range(6)]
-        assert tessel.call("GetLgmSpline", q, spacing, *refs) == 1
-        d = spacing[0]
-        tv = refs[5].value
-        assert tv.shape == (4, 4)
-        np.testing.assert_allclose(tv, [d, q * d, q * d**2 / 2, q * d**3 / 3], rtol=1e-14)
-        np.testing.assert_array_equal(refs[0].value, [[1, 1], [0, 1], [1, 0]])
-        np.testing.assert_allclose(refs[1].value, [[q / 3, q / 2, 0], [q / 2, q, 0], [0, 0, 1]],
-                                   rtol=1e-15)
 
     def test_repr(self):
         assert repr(tessel.Ref(3)) == "Ref(3)"
@@ -371,29 +302,20 @@ class TestRefusals:
 
 
 class TestErrors:
-    def test_unknown_entry_point(self):
-        with pytest.raises(tessel.ZuError, match="FnNoSuchRoutine") as err:
-            tessel.call("NoSuchRoutine", np.ones((2, 2)))
+    @pytest.mark.parametrize("args, number, text", [
+        (("NoSuchRoutine", np.ones((2, 2))), 1, "unknown entry point FnNoSuchRoutine"),
+        (("LgmWarning",), 1, "LgmWarning(): at least one argument required"),
+        # the library's own text, passed on unchanged
+        (("KalmanFil", np.ones((1, 5)), np.eye(2), np.eye(2)), 1,
+         "\nLgm(): number of rows or columns not correct in argument 0\n"),
+        (("KalmanFil", np.ones((1, 5)), np.ones((2, 1)), np.eye(3)), 3,
+         "KalmanFil(): argument 3: expected 2 x 2 matrix, found 3 x 3"),
+    ], ids=["unknown_entry_point", "missing_argument", "library_text", "size"])
+    def test_error_number_and_text(self, args, number, text):
+        with pytest.raises(tessel.ZuError) as err:
+            tessel.call(*args)
         assert isinstance(err.value, RuntimeError)
-        assert isinstance(err.value.number, int)
-
-    def test_missing_argument_text(self):
-        tessel.call("LgmWarning", 1)
-        with pytest.raises(tessel.ZuError) as err:
-            tessel.call("LgmWarning")
-        assert str(err.value) == "LgmWarning(): at least one argument required"
-        assert err.value.number == 1
-
-    def test_library_text_passed_unchanged(self):
-        with pytest.raises(tessel.ZuError) as err:
-            tessel.call("KalmanFil", np.ones((1, 5)), np.eye(2), np.eye(2))
-        assert str(err.value) == "\nLgm(): number of rows or columns not correct in argument 0\n"
-
-    def test_size_error_number(self, local_level):
-        with pytest.raises(tessel.ZuError) as err:
-            tessel.call("KalmanFil", local_level.y, local_level.sys, np.eye(3))
-        assert err.value.number == 3
-        assert str(err.value) == "KalmanFil(): argument 3: expected 2 x 2 matrix, found 3 x 3"
+        assert err.value.number == number and str(err.value) == text
 
     def test_pickles(self):
         err = tessel.ZuError(4, "out of memory")
@@ -424,16 +346,6 @@ class TestMessages:
         # Reported at the caller's line, not inside the package.
         assert all(w.filename == __file__ for w in record)
         assert issubclass(tessel.ZuMessage, Warning)
-
-    def test_library_message_with_result(self, local_level):
-        ll, s2 = tessel.Ref(), tessel.Ref()
-        with tessel.capture_messages() as msgs:
-            ok = tessel.call("LgmLik", ll, s2, local_level.y, local_level.sys, np.zeros((2, 2)),
-                             np.array([[0.0], [0.0]]))
-        assert ok == 0
-        assert msgs == ["LgmLik(): non-positive semi-definite innovation variance matrix"]
-        # The likelihood writes its references even when the filter fails.
-        assert type(ll.value) is float and type(s2.value) is float
 
     def test_nesting_innermost_wins(self):
         with tessel.capture_messages() as outer:
@@ -530,8 +442,7 @@ class TestHostFunctions:
     @pytest.mark.parametrize("seed", [0, 1, 2**64 - 1, np.uint64(2**64 - 1)])
     def test_seed_reproduces_draws(self, seed, local_level):
         def draw():
-            return tessel.call("LgmCondDens", 2, local_level.y, local_level.sys, local_level.var,
-                               local_level.init)
+            return tessel.call("LgmCondDens", 2, local_level.y, *local_level.args())
 
         tessel.set_seed(seed)
         first = draw()
@@ -573,15 +484,6 @@ class TestHostFunctions:
         tessel._fail_allocation(steps + 1)
         np.testing.assert_array_equal(recursion(disturbances), want)
         assert not tessel._injected_failure_delivered()
-
-    def test_no_host_values_live_between_calls(self, local_level):
-        assert tessel._live_allocations() == (0, 0)
-        tessel.call("KalmanFil", local_level.y, local_level.sys, local_level.var)
-        assert tessel._live_allocations() == (0, 0)
-        with pytest.raises(tessel.ZuError):
-            tessel.call("KalmanFil", local_level.y, local_level.sys, np.eye(3))
-        assert tessel._live_allocations() == (0, 0)
-
 
 def test_missing_extension_is_explained():
     code = "import sys; sys.modules['_tessel'] = None; import tessel"

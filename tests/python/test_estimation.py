@@ -18,6 +18,7 @@ import pandas as pd
 import pytest
 
 import tessel
+from models import simulate_bsm
 from tessel import estimation
 
 sm = pytest.importorskip("statsmodels.api")
@@ -104,17 +105,6 @@ def test_nile_diagnostics_and_forecasts_match_statsmodels(nile_fit, nile_statsmo
     assert list(fc.mean.index) == list(range(1971, 1979))
 
 
-def _simulate_bsm(rng, n, s_level, s_slope, s_seas, s_irr, period=4):
-    level, slope = 10.0, 0.2
-    seas = list(rng.normal(size=period - 1))
-    y = np.empty(n)
-    for t in range(n):
-        y[t] = level + seas[0] + s_irr * rng.normal()
-        level, slope = level + slope + s_level * rng.normal(), slope + s_slope * rng.normal()
-        seas = [-sum(seas) + s_seas * rng.normal()] + seas[:-1]
-    return y
-
-
 def test_ml_recovers_a_simulated_structural_model():
     """Data drawn (numpy, seed 2024) from level + slope + quarterly dummy
     seasonal + irregular with known standard deviations: every estimate on
@@ -123,7 +113,8 @@ def test_ml_recovers_a_simulated_structural_model():
     truth = {"sigma2.level": 0.8, "sigma2.slope": 0.15, "sigma2.seasonal": 0.5,
              "sigma2.irregular": 1.5}
     rng = np.random.default_rng(2024)
-    y = _simulate_bsm(rng, 400, *truth.values())
+    s_lev, s_slo, s_sea, s_irr = truth.values()
+    y = simulate_bsm(rng, 400, s_irr, s_lev, s_slo, s_sea, period=4)
     res = tessel.fit(y, [tessel.Level(), tessel.Slope(), tessel.DummySeasonal(4), tessel.Irregular()])
     assert res.converged
     for name, sd in truth.items():
@@ -142,7 +133,7 @@ def test_score_gradient_equals_numerical_gradient_at_random_parameters():
     the log-likelihood with step 1e-4 in theta (truncation ~1e-8 relative),
     at five random parameter vectors; agreement to 1e-5 relative."""
     rng = np.random.default_rng(77)
-    y = _simulate_bsm(rng, 120, 0.5, 0.1, 0.4, 1.0)
+    y = simulate_bsm(rng, 120, 1.0, 0.5, 0.1, 0.4, period=4)
     y[[10, 11, 50]] = np.nan
     structure = [tessel.Level(), tessel.DummySeasonal(4), tessel.Cycle(), tessel.AR1(), tessel.Irregular()]
     data = tessel.analysis._Data(y)

@@ -13,170 +13,95 @@ import numpy as np
 import pytest
 
 import tessel
-from oracle import KAPPA_FACTOR, StateSpace
+from models import Block, recursion_reference
+from oracle import KAPPA_FACTOR
 
 
-def _reference(model, u, s0):
-    """The output matrix from the model equations, given the initial state."""
-    m, N = model.m, model.N
-    n = u.shape[1]
-    out = np.zeros((m + N, n))
-    out[:m, 0] = s0
-    alpha = np.array(s0, dtype=float)
-    for t in range(n - 1):
-        T, Z, _, c, d = model.system(t)
-        out[m:, t + 1] = d + Z @ alpha + u[m:, t + 1]
-        alpha = c + T @ alpha + u[:m, t + 1]
-        out[:m, t + 1] = alpha
-    return out
-
-
-def _tv_model(n, rng):
+def tv_model(n, rng, init=None):
     """m = 2, N = 2 with SysIdx, VarIdx and MeanIdx all in use."""
-    sys = np.array([[0.9, 0.1], [0.0, 0.5], [1.0, 0.0], [0.4, 1.0]])
-    var = np.diag([1.0, 2.0, 0.5, 0.5])
-    mean = np.array([[0.1], [0.0], [1.0], [-1.0]])
-    sysidx = -np.ones((4, 2))
+    sysidx, varidx, meanidx = -np.ones((4, 2)), -np.ones((4, 4)), -np.ones((4, 1))
     sysidx[0, 0] = 0
     sysidx[3, 1] = 1
-    varidx = -np.ones((4, 4))
     varidx[2, 2] = 2
-    meanidx = -np.ones((4, 1))
     meanidx[1, 0] = 3
     meanidx[2, 0] = 2.9  # truncated to row 2
     tv = np.vstack([0.5 + 0.4 * rng.uniform(size=n), rng.normal(size=n),
                     0.3 + rng.uniform(size=n), rng.normal(size=n)])
-    return sys, var, mean, sysidx, varidx, meanidx, tv
+    return Block([[0.9, 0.1], [0.0, 0.5], [1.0, 0.0], [0.4, 1.0]], np.diag([1.0, 2.0, 0.5, 0.5]),
+                 init=init, mean=[[0.1], [0.0], [1.0], [-1.0]], sysidx=sysidx, varidx=varidx,
+                 meanidx=meanidx, tvdata=tv)
 
 
-class TestPaths:
-    def test_zero_disturbances_deterministic_path(self):
-        rng = np.random.default_rng(1)
-        n = 9
-        sys, var, mean, sysidx, varidx, meanidx, tv = _tv_model(n, rng)
-        init = np.array([[1.0, 0.0], [0.0, 1.0], [2.0, -3.0]])
-        u = np.zeros((4, n))
-        out = tessel.call("LgmRecursion", u, sys, var, init, mean, sysidx, varidx, meanidx, tv)
-        model = StateSpace(sys, var, init=init, mean=mean, sysidx=sysidx, varidx=varidx,
-                           meanidx=meanidx, tvdata=tv)
-        # Pure sums and products of O(1) numbers over 9 steps.
-        np.testing.assert_allclose(out, _reference(model, u, [2.0, -3.0]), rtol=1e-13, atol=1e-13)
-
-    def test_no_init_zero_disturbances_driven_by_intercepts(self):
-        n = 6
-        sys = np.array([[0.5], [2.0]])
-        var = np.eye(2)
-        mean = np.array([[1.0], [3.0]])
-        out = tessel.call("LgmRecursion", np.zeros((2, n)), sys, var, tessel.EMPTY, mean)
-        model = StateSpace(sys, var, mean=mean)
-        np.testing.assert_allclose(out, _reference(model, np.zeros((2, n)), [0.0]), rtol=1e-14)
-
-    def test_random_disturbances_time_varying(self):
-        rng = np.random.default_rng(2)
-        n = 15
-        sys, var, mean, sysidx, varidx, meanidx, tv = _tv_model(n, rng)
-        init = np.array([[0.7, 0.0], [0.2, 0.6], [1.0, 1.0]])
-        u = rng.normal(size=(4, n))
-        out = tessel.call("LgmRecursion", u, sys, var, init, mean, sysidx, varidx, meanidx, tv)
-        model = StateSpace(sys, var, init=init, mean=mean, sysidx=sysidx, varidx=varidx,
-                           meanidx=meanidx, tvdata=tv)
-        # proper start: mean + (row j of the InitMat block) u(0)
-        s0 = np.array([1.0, 1.0]) + init[:2] @ u[:2, 0]
-        np.testing.assert_allclose(out, _reference(model, u, s0), rtol=1e-12, atol=1e-12)
-
-    def test_single_column(self):
-        out = tessel.call("LgmRecursion", np.array([[0.5], [7.0]]), [[0.9], [1.0]], np.eye(2),
-                          [[2.0], [1.5]])
-        np.testing.assert_array_equal(out, [[1.5 + 2.0 * 0.5], [0.0]])
-
-    def test_diffuse_start_scales_by_kappa(self):
-        """A diffuse element's first disturbance is multiplied by kappa
-        itself (not its square root); without InitMat every element is."""
-        var = np.diag([1.0, 4.0, 1.0])
-        kappa = KAPPA_FACTOR * 4.0
-        sys = np.array([[1.0, 0.0], [0.0, 1.0], [1.0, 1.0]])
-        u = np.array([[0.5, 0.0], [0.25, 0.0], [3.0, 0.0]])
-        out = tessel.call("LgmRecursion", u, sys, var)
-        assert out[0, 0] == pytest.approx(kappa * 0.5, rel=1e-15)
-        assert out[1, 0] == pytest.approx(kappa * 0.25, rel=1e-15)
-        init = np.array([[1.0, 0.0], [0.0, -1.0], [5.0, 6.0]])
-        out = tessel.call("LgmRecursion", u, sys, var, init)
-        assert out[0, 0] == pytest.approx(5.0 + 0.5, rel=1e-15)
-        assert out[1, 0] == pytest.approx(6.0 + kappa * 0.25, rel=1e-15)
-        assert out[2, 1] == pytest.approx(out[0, 0] + out[1, 0], rel=1e-15)
+@pytest.mark.parametrize("seed, n, init, random_u", [
+    (1, 9, [[1.0, 0.0], [0.0, 1.0], [2.0, -3.0]], False),   # the deterministic path
+    (2, 15, [[0.7, 0.0], [0.2, 0.6], [1.0, 1.0]], True),
+], ids=["zero_disturbances", "random_disturbances"])
+def test_time_varying_paths(seed, n, init, random_u):
+    rng = np.random.default_rng(seed)
+    b = tv_model(n, rng, init)
+    u = rng.normal(size=(4, n)) if random_u else np.zeros((4, n))
+    out = tessel.call("LgmRecursion", u, *b.args())
+    # proper start: mean + (row j of the InitMat block) u(0)
+    s0 = b.init[2] + b.init[:2] @ u[:2, 0]
+    # Sums and products of O(1) numbers over a few steps: rounding only.
+    np.testing.assert_allclose(out, recursion_reference(b.model, u, s0), rtol=1e-12, atol=1e-12)
 
 
-class TestSimulatedAR1:
+def test_no_init_zero_disturbances_driven_by_intercepts():
+    b = Block([[0.5], [2.0]], np.eye(2), mean=[[1.0], [3.0]])
+    out = tessel.call("LgmRecursion", np.zeros((2, 6)), *b.args())
+    np.testing.assert_allclose(out, recursion_reference(b.model, np.zeros((2, 6)), [0.0]), rtol=1e-14)
+
+
+def test_single_column():
+    out = tessel.call("LgmRecursion", np.array([[0.5], [7.0]]), [[0.9], [1.0]], np.eye(2),
+                      [[2.0], [1.5]])
+    np.testing.assert_array_equal(out, [[1.5 + 2.0 * 0.5], [0.0]])
+
+
+def test_diffuse_start_scales_by_kappa():
+    """A diffuse element's first disturbance is multiplied by kappa
+    itself (not its square root); without InitMat every element is."""
+    var = np.diag([1.0, 4.0, 1.0])
+    kappa = KAPPA_FACTOR * 4.0
+    sys = np.array([[1.0, 0.0], [0.0, 1.0], [1.0, 1.0]])
+    u = np.array([[0.5, 0.0], [0.25, 0.0], [3.0, 0.0]])
+    out = tessel.call("LgmRecursion", u, sys, var)
+    assert out[:2, 0] == pytest.approx([kappa * 0.5, kappa * 0.25], rel=1e-15)
+    out = tessel.call("LgmRecursion", u, sys, var, [[1.0, 0.0], [0.0, -1.0], [5.0, 6.0]])
+    assert out[:2, 0] == pytest.approx([5.0 + 0.5, 6.0 + kappa * 0.25], rel=1e-15)
+    assert out[2, 1] == pytest.approx(out[0, 0] + out[1, 0], rel=1e-15)
+
+
+def test_simulated_ar1_has_the_model_moments_and_likelihood_scale():
     """A long AR(1) series generated by the recursion from N(0, 1) draws:
     alpha(t+1) = phi alpha(t) + sigma e, y(t) = alpha(t) + noise (variance h),
     started from the stationary distribution (InitMat holds the standard
-    deviation, which multiplies u(0) ~ N(0, 1))."""
-
-    phi, sigma2, h, n = 0.8, 1.0, 0.5, 200_000
-
-    @pytest.fixture(scope="class")
-    def generated(self):
-        rng = np.random.default_rng(2008)
-        phi, s2, h, n = self.phi, self.sigma2, self.h, self.n
-        v0 = s2 / (1 - phi * phi)
-        u = rng.normal(size=(2, n + 1)) * np.array([[np.sqrt(s2)], [np.sqrt(h)]])
-        u[0, 0] = rng.normal()
-        sys = np.array([[phi], [1.0]])
-        var = np.diag([s2, h])
-        out = tessel.call("LgmRecursion", u, sys, var, [[np.sqrt(v0)], [0.0]])
-        return out[0, :-1], out[1, 1:], v0  # alpha(0..n-1), y(0..n-1)
-
-    def test_state_moments(self, generated):
-        alpha, _, v0 = generated
-        n, phi = self.n, self.phi
-        # Sampling sd of the sample variance of an AR(1):
-        # Var(s^2) ~ 2 v0^2 (1 + phi^2) / ((1 - phi^2) n) -> sd ~ 0.019 here.
-        sd_var = np.sqrt(2 * v0**2 * (1 + phi**2) / ((1 - phi**2) * n))
-        assert abs(alpha.var() - v0) < 4 * sd_var
-        # Lag-1 autocorrelation: sd ~ sqrt((1 - phi^2) / n) ~ 0.0013.
-        r1 = np.corrcoef(alpha[:-1], alpha[1:])[0, 1]
-        assert abs(r1 - phi) < 4 * np.sqrt((1 - phi**2) / n)
-        # Mean: sd ~ sqrt(v0 (1 + phi) / ((1 - phi) n)) ~ 0.011.
-        assert abs(alpha.mean()) < 4 * np.sqrt(v0 * (1 + phi) / ((1 - phi) * n))
-
-    def test_observations_are_state_plus_noise(self, generated):
-        alpha, y, v0 = generated
-        noise = y - alpha
-        # Var of the sample variance of iid N(0, h): 2 h^2 / n.
-        assert abs(noise.var() - self.h) < 4 * np.sqrt(2 * self.h**2 / self.n)
-        assert abs(np.corrcoef(noise, alpha)[0, 1]) < 4 / np.sqrt(self.n)
-
-    def test_likelihood_scale_is_one(self, generated):
-        """Under the generating model the standardised innovations have
-        mean square 1: LgmLik's scale estimate is a mean of cnt squares of
-        independent N(0, 1) variables, sd sqrt(2 / cnt) ~ 0.0032."""
-        _, y, v0 = generated
-        ll, s2 = tessel.Ref(), tessel.Ref()
-        ok = tessel.call("LgmLik", ll, s2, y.reshape(1, -1), [[self.phi], [1.0]],
-                         np.diag([self.sigma2, self.h]), [[v0], [0.0]])
-        assert ok == 1
-        assert abs(s2.value - 1.0) < 4 * np.sqrt(2 / self.n)
-
-
-def test_allocation_failures_leave_nothing():
-    rng = np.random.default_rng(3)
-    n = 6
-    sys, var, mean, sysidx, varidx, meanidx, tv = _tv_model(n, rng)
-    args = (rng.normal(size=(4, n)), sys, var, tessel.EMPTY, mean, sysidx, varidx, meanidx, tv)
-    k = 1
-    while True:
-        tessel._fail_allocation(k)
-        try:
-            out = tessel.call("LgmRecursion", *args)
-        except tessel.ZuError as e:
-            assert e.number == 4
-            out = None
-        delivered = tessel._injected_failure_delivered()
-        tessel._fail_allocation(0)
-        assert tessel._live_allocations() == (0, 0)
-        if not delivered:
-            assert out is not None and out.shape == (4, n)
-            break
-        assert out is None
-        k += 1
-    assert k > 5  # return value, two index tables, two copies, list, work
+    deviation, which multiplies u(0) ~ N(0, 1)). Every bound is 4 sampling
+    standard deviations of the statistic."""
+    phi, s2, h, n = 0.8, 1.0, 0.5, 200_000
+    rng = np.random.default_rng(2008)
+    v0 = s2 / (1 - phi * phi)
+    u = rng.normal(size=(2, n + 1)) * np.array([[np.sqrt(s2)], [np.sqrt(h)]])
+    u[0, 0] = rng.normal()
+    sys, var = np.array([[phi], [1.0]]), np.diag([s2, h])
+    out = tessel.call("LgmRecursion", u, sys, var, [[np.sqrt(v0)], [0.0]])
+    alpha, y = out[0, :-1], out[1, 1:]  # alpha(0..n-1), y(0..n-1)
+    # Sampling sd of the sample variance of an AR(1):
+    # Var(s^2) ~ 2 v0^2 (1 + phi^2) / ((1 - phi^2) n) -> sd ~ 0.019 here.
+    assert abs(alpha.var() - v0) < 4 * np.sqrt(2 * v0**2 * (1 + phi**2) / ((1 - phi**2) * n))
+    # Lag-1 autocorrelation: sd ~ sqrt((1 - phi^2) / n) ~ 0.0013.
+    assert abs(np.corrcoef(alpha[:-1], alpha[1:])[0, 1] - phi) < 4 * np.sqrt((1 - phi**2) / n)
+    # Mean: sd ~ sqrt(v0 (1 + phi) / ((1 - phi) n)) ~ 0.011.
+    assert abs(alpha.mean()) < 4 * np.sqrt(v0 * (1 + phi) / ((1 - phi) * n))
+    # Observations are state plus independent noise: the sample variance of
+    # iid N(0, h) has variance 2 h^2 / n; a correlation has sd 1 / sqrt(n).
+    noise = y - alpha
+    assert abs(noise.var() - h) < 4 * np.sqrt(2 * h**2 / n)
+    assert abs(np.corrcoef(noise, alpha)[0, 1]) < 4 / np.sqrt(n)
+    # Under the generating model the standardised innovations have mean
+    # square 1: LgmLik's scale estimate is a mean of cnt squares of
+    # independent N(0, 1) variables, sd sqrt(2 / cnt) ~ 0.0032.
+    ll, scale = tessel.Ref(), tessel.Ref()
+    assert tessel.call("LgmLik", ll, scale, y.reshape(1, -1), sys, var, [[v0], [0.0]]) == 1
+    assert abs(scale.value - 1.0) < 4 * np.sqrt(2 / n)

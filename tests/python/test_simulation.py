@@ -48,7 +48,7 @@ import scipy.linalg
 from scipy.stats import norm
 
 import tessel
-from oracle import Oracle, StateSpace
+from models import Block
 
 TOL = 1e-9
 TOL_DIFFUSE = 1e-7
@@ -64,13 +64,10 @@ def univariate_model(missing=()):
     """Local linear trend, N = 1, fully diffuse start (no InitMat), n = 15."""
     rng = np.random.default_rng(11)
     n = 15
-    sys = np.array([[1.0, 1.0], [0.0, 1.0], [1.0, 0.0]])
-    var = np.diag([0.4, 0.05, 1.0])
     level = np.cumsum(0.3 + rng.normal(0, 0.6, n))
     y = (level + rng.normal(0, 1.0, n)).reshape(1, n)
-    for t in missing:
-        y[0, t] = np.nan
-    return dict(y=y, args=(sys, var), model=StateSpace(sys, var), tol=TOL_DIFFUSE)
+    y[0, list(missing)] = np.nan
+    return Block([[1.0, 1.0], [0.0, 1.0], [1.0, 0.0]], np.diag([0.4, 0.05, 1.0]), y, tol=TOL_DIFFUSE)
 
 
 def multivariate_model():
@@ -78,37 +75,27 @@ def multivariate_model():
     disturbances, intercepts, a proper initial state, n = 12, single
     elements missing at three time points."""
     rng = np.random.default_rng(12)
-    n = 12
-    sys = np.array([[1.0, 0.0], [0.0, 0.6], [1.0, 1.0], [1.0, -0.5]])
     var = np.zeros((4, 4))
     var[0, 0], var[1, 1] = 0.2, 0.5
     var[2:, 2:] = [[1.0, 0.3], [0.3, 0.8]]
-    init = np.array([[4.0, 0.0], [0.0, 0.5 / (1 - 0.36)], [0.5, 0.0]])
-    mean = np.array([[0.1], [0.0], [0.3], [-0.2]])
-    y = rng.normal(size=(2, n)).cumsum(axis=1)
+    y = rng.normal(size=(2, 12)).cumsum(axis=1)
     y[0, 3] = y[1, 5] = y[1, 6] = np.nan
-    model = StateSpace(sys, var, init=init, mean=mean)
-    return dict(y=y, args=(sys, var, init, mean), model=model, tol=TOL)
+    return Block([[1.0, 0.0], [0.0, 0.6], [1.0, 1.0], [1.0, -0.5]], var, y,
+                 init=[[4.0, 0.0], [0.0, 0.5 / (1 - 0.36)], [0.5, 0.0]],
+                 mean=[[0.1], [0.0], [0.3], [-0.2]], tol=TOL)
 
 
 def time_varying_model():
     """The multivariate model with Z[0][1], the first observation variance
     and the first observation intercept varying over time."""
     base = multivariate_model()
-    n = base["y"].shape[1]
     rng = np.random.default_rng(13)
-    sys, var, init, mean = base["args"]
+    n = base.y.shape[1]
     tvdata = np.vstack([rng.uniform(0.5, 1.5, n), rng.uniform(0.5, 2.0, n),
                         rng.uniform(-1.0, 1.0, n)])
-    sysidx = np.full(sys.shape, -1.0)
-    sysidx[2, 1] = 0
-    varidx = np.full(var.shape, -1.0)
-    varidx[2, 2] = 1
-    meanidx = np.full(mean.shape, -1.0)
-    meanidx[2, 0] = 2
-    args = (sys, var, init, mean, sysidx, varidx, meanidx, tvdata)
-    model = StateSpace(*args)
-    return dict(y=base["y"], args=args, model=model, tol=TOL, tvdata=tvdata)
+    sysidx, varidx, meanidx = np.full((4, 2), -1.0), np.full((4, 4), -1.0), np.full((4, 1), -1.0)
+    sysidx[2, 1], varidx[2, 2], meanidx[2, 0] = 0, 1, 2
+    return base.replace(sysidx=sysidx, varidx=varidx, meanidx=meanidx, tvdata=tvdata)
 
 
 # ------------------------------------------------------------ oracle helpers
@@ -127,16 +114,10 @@ def _residual_factor(ora, target_map, given):
     return W, Gt - GtQ @ Q.T
 
 
-def _rows_map(ora, rows):
-    out = np.zeros((len(rows), ora.G.shape[0]))
-    out[np.arange(len(rows)), rows] = 1.0
-    return out
-
-
 def conditional(ora, target, given, values):
     """Mean and covariance of the oracle's joint vector at rows `target`
     given rows `given` equal to `values`."""
-    W, H = _residual_factor(ora, _rows_map(ora, target), given)
+    W, H = _residual_factor(ora, np.eye(ora.G.shape[0])[target], given)
     return ora.mu[target] + W @ (values - ora.mu[given]), H @ H.T
 
 
@@ -165,8 +146,7 @@ def state_signal_map(ora):
     intercept) in the layout of the LgmCondDens result, flattened row-major
     (row i of the result, then time)."""
     m, N, n = ora.model.m, ora.model.N, ora.n
-    p = m + N
-    out = np.zeros((p * n, ora.G.shape[0]))
+    out = np.zeros(((m + N) * n, ora.G.shape[0]))
     for t in range(n):
         Z = ora.systems[t][1]
         for i in range(m):
@@ -212,51 +192,68 @@ def assert_gaussian_sample(X, mean, cov, alpha=ALPHA, what=""):
     se = np.sqrt((np.outer(sd**2, sd**2) + C**2) / R)
     iu = np.triu_indices(k)
     z_cov = ((S - C) / se)[iu]
-    M = k + iu[0].size
-    threshold = norm.isf(alpha / (2 * M))
-    worst_mean = np.abs(z_mean).max()
-    worst_cov = np.abs(z_cov).max()
+    threshold = norm.isf(alpha / (2 * (k + iu[0].size)))
+    worst_mean, worst_cov = np.abs(z_mean).max(), np.abs(z_cov).max()
     assert worst_mean < threshold, f"{what}: mean off by {worst_mean:.2f} sd (limit {threshold:.2f})"
     assert worst_cov < threshold, (
         f"{what}: covariance off by {worst_cov:.2f} sd (limit {threshold:.2f})")
-    return worst_mean, worst_cov, threshold
 
 
 # --------------------------------------------------------------- utilities
 
-def run_draw(sel, z, wgt, store, args):
-    return tessel.call("SimSmoDraw", sel, z, wgt, store, *args)
+def run_draw(S, z, wgt, store, case):
+    return tessel.call("SimSmoDraw", S, z, wgt, store, *case.args())
 
 
-def weights_and_store(case, sel):
-    store = tessel.call("KalmanFil", case["y"], *case["args"])
-    wgt = tessel.call("SimSmoWgt", sel, store, *case["args"])
+def weights_and_store(case, S):
+    store = tessel.call("KalmanFil", case.y, *case.args())
+    wgt = tessel.call("SimSmoWgt", S, store, *case.args())
     assert isinstance(wgt, np.ndarray), "weights failed"
     return wgt, store
 
 
 def selection_matrix(diag):
     """p x p selection with the given diagonal and noise off the diagonal,
-    which must be ignored."""
+    which must be ignored, and the flags of the selected elements."""
     diag = np.asarray(diag, dtype=float)
     s = np.full((diag.size, diag.size), 7.0)
     np.fill_diagonal(s, diag)
-    return s
+    return s, (diag != 0) | np.isnan(diag)
 
 
-def selected_flags(diag):
-    diag = np.asarray(diag, dtype=float)
-    return (diag != 0) | np.isnan(diag)
+def draw_moments(case, S, sel):
+    """d(0) and the matrix L of the affine draw d(z) = d(0) + L z over the
+    selected rows (time-major), from unit draws; the oracle's conditional
+    mean and covariance of the same disturbances given the data."""
+    q, n = sel.sum(), case.y.shape[1]
+    wgt, store = weights_and_store(case, S)
+    assert wgt.shape == (q * case.p + q * (q + 1) // 2, n)
+    d0 = run_draw(S, np.zeros((q, n)), wgt, store, case)
+    assert d0.shape == (case.p, n + 1)
+    # Unselected rows, and the observation rows of column 0, are exactly 0.
+    assert np.all(d0[~sel, 1:] == 0.0) and np.all(d0[case.m:, 0] == 0.0)
+    got_mean = d0[sel, 1:].T.reshape(-1)
+    L = np.zeros((got_mean.size, q * n))
+    for k in range(q * n):
+        z = np.zeros((q, n))
+        z[k % q, k // q] = 1.0
+        dk = run_draw(S, z, wgt, store, case)
+        assert np.all(dk[~sel, 1:] == 0.0)
+        L[:, k] = dk[sel, 1:].T.reshape(-1) - got_mean
+    ora = case.oracle()
+    given, values = observed(ora)
+    mean, cov = conditional(ora, selected_disturbance_rows(ora, sel), given, values)
+    return got_mean, L, mean, cov, (wgt, store)
 
 
 SIM_CASES = {
     # state disturbances of the single-series model
-    "univariate-state": (lambda: univariate_model(), [1.0, 2.0, 0.0]),
+    "univariate-state": (univariate_model, [1.0, 2.0, 0.0]),
     # a state and an observation disturbance; NaN selects
-    "univariate-mixed": (lambda: univariate_model(), [0.0, np.nan, 1.0]),
-    "multivariate-state": (lambda: multivariate_model(), [1.0, -3.0, 0.0, 0.0]),
-    "multivariate-mixed": (lambda: multivariate_model(), [np.nan, 0.0, 0.0, 1.0]),
-    "time-varying": (lambda: time_varying_model(), [1.0, 0.0, 1.0, 0.0]),
+    "univariate-mixed": (univariate_model, [0.0, np.nan, 1.0]),
+    "multivariate-state": (multivariate_model, [1.0, -3.0, 0.0, 0.0]),
+    "multivariate-mixed": (multivariate_model, [np.nan, 0.0, 0.0, 1.0]),
+    "time-varying": (time_varying_model, [1.0, 0.0, 1.0, 0.0]),
 }
 
 
@@ -266,47 +263,23 @@ SIM_CASES = {
 def test_draw_is_affine_in_z_with_the_conditional_mean_and_covariance(name):
     make, diag = SIM_CASES[name]
     case = make()
-    ora = Oracle(case["model"], case["y"])
-    sel = selected_flags(diag)
-    S = selection_matrix(diag)
-    q, p, n = sel.sum(), sel.size, case["y"].shape[1]
-    m = ora.model.m
-    wgt, store = weights_and_store(case, S)
-    assert wgt.shape == (q * p + q * (q + 1) // 2, n)
-
-    d0 = run_draw(S, np.zeros((q, n)), wgt, store, case["args"])
-    assert d0.shape == (p, n + 1)
-    # Unselected rows, and the observation rows of column 0, are exactly 0.
-    assert np.all(d0[~sel, 1:] == 0.0)
-    assert np.all(d0[m:, 0] == 0.0)
-
-    given, values = observed(ora)
-    rows = selected_disturbance_rows(ora, sel)
-    mean, cov = conditional(ora, rows, given, values)
-    tol = case["tol"]
-    # d(0) is the smoothed mean of the selected disturbances.
-    got_mean = d0[sel, 1:].T.reshape(-1)  # time-major, like `rows`
-    np.testing.assert_allclose(got_mean, mean, rtol=0, atol=tol * max(1, abs(mean).max()))
-
-    # Columns of L from unit draws; L L' is the joint conditional covariance.
-    L = np.zeros((rows.size, q * n))
-    for k in range(q * n):
-        z = np.zeros((q, n))
-        z[k % q, k // q] = 1.0
-        dk = run_draw(S, z, wgt, store, case["args"])
-        assert np.all(dk[~sel, 1:] == 0.0)
-        L[:, k] = dk[sel, 1:].T.reshape(-1) - got_mean
-    np.testing.assert_allclose(L @ L.T, cov, rtol=0, atol=tol * max(1, abs(cov).max()))
+    S, sel = selection_matrix(diag)
+    got_mean, L, mean, cov, (wgt, store) = draw_moments(case, S, sel)
+    # d(0) is the smoothed mean; L L' the joint conditional covariance.
+    np.testing.assert_allclose(got_mean, mean, rtol=0, atol=case.tol * max(1, abs(mean).max()))
+    np.testing.assert_allclose(L @ L.T, cov, rtol=0, atol=case.tol * max(1, abs(cov).max()))
 
     # Column 0 holds r with a + P r = E[alpha(0) | y, the drawn disturbances].
-    if case["model"].init is not None and not np.any(np.diag(case["model"].init) < 0):
-        z = np.random.default_rng(5).normal(size=(q, n))
-        d = run_draw(S, z, wgt, store, case["args"])
-        a0, P0, _ = case["model"].initial()
-        drawn = d[sel, 1:].T.reshape(-1)
-        want, _ = conditional(ora, ora.state_rows(0), np.concatenate([given, rows]),
-                              np.concatenate([values, drawn]))
-        np.testing.assert_allclose(a0 + P0 @ d[:m, 0], want, rtol=0, atol=TOL)
+    if not case.diffuse:
+        ora = case.oracle()
+        z = np.random.default_rng(5).normal(size=(sel.sum(), case.y.shape[1]))
+        d = run_draw(S, z, wgt, store, case)
+        a0, P0, _ = case.model.initial()
+        given, values = observed(ora)
+        want, _ = conditional(ora, ora.state_rows(0),
+                              np.concatenate([given, selected_disturbance_rows(ora, sel)]),
+                              np.concatenate([values, d[sel, 1:].T.reshape(-1)]))
+        np.testing.assert_allclose(a0 + P0 @ d[:case.m, 0], want, rtol=0, atol=TOL)
 
 
 def test_every_element_selected():
@@ -314,42 +287,25 @@ def test_every_element_selected():
     series the data and the future draws would pin the state, and the
     conditional variance of all p disturbances would be singular)."""
     full = univariate_model()
-    y = full["y"][:, :2]
-    sys, var = full["args"]
-    init = np.array([[1.5, 0.2], [0.2, 0.5], [0.3, 0.1]])
-    case = dict(y=y, args=(sys, var, init), model=StateSpace(sys, var, init=init), tol=TOL)
-    ora = Oracle(case["model"], y)
-    p, n = 3, 2
-    S = np.ones((p, p))
-    wgt, store = weights_and_store(case, S)
-    assert wgt.shape == (p * p + p * (p + 1) // 2, n)
-    d0 = run_draw(S, np.zeros((p, n)), wgt, store, case["args"])
-    given, values = observed(ora)
-    rows = selected_disturbance_rows(ora, np.ones(p, bool))
-    mean, cov = conditional(ora, rows, given, values)
-    np.testing.assert_allclose(d0[:, 1:].T.reshape(-1), mean, rtol=0, atol=TOL)
-    L = np.zeros((p * n, p * n))
-    for k in range(p * n):
-        z = np.zeros((p, n))
-        z[k % p, k // p] = 1.0
-        L[:, k] = run_draw(S, z, wgt, store, case["args"])[:, 1:].T.reshape(-1) - mean
+    case = full.replace(y=full.y[:, :2], init=[[1.5, 0.2], [0.2, 0.5], [0.3, 0.1]], tol=TOL)
+    got_mean, L, mean, cov, _ = draw_moments(case, np.ones((3, 3)), np.ones(3, bool))
+    np.testing.assert_allclose(got_mean, mean, rtol=0, atol=TOL)
     np.testing.assert_allclose(L @ L.T, cov, rtol=0, atol=TOL * max(1, abs(cov).max()))
 
 
 def test_wholly_missing_time_point_carries_nan_backwards():
     case = univariate_model(missing=(6,))
-    S = selection_matrix([1.0, 1.0, 0.0])
+    S, _ = selection_matrix([1.0, 1.0, 0.0])
     wgt, store = weights_and_store(case, S)
     assert np.all(np.isfinite(wgt))
-    z = np.random.default_rng(3).normal(size=(2, 15))
-    d = run_draw(S, z, wgt, store, case["args"])
+    d = run_draw(S, np.random.default_rng(3).normal(size=(2, 15)), wgt, store, case)
     assert np.all(np.isnan(d[:2, :7]))       # t <= 6 and column 0
     assert np.all(np.isfinite(d[:2, 8:]))    # t > 6
     assert np.all(d[2] == 0.0)               # unselected stays 0
     # The same through LgmCondDens: the states are rebuilt forward from the
     # NaN left in column 0, so every simulated state and signal is NaN.
     tessel.set_seed(1)
-    r = tessel.call("LgmCondDens", 2, case["y"], *case["args"])
+    r = tessel.call("LgmCondDens", 2, case.y, *case.args())
     assert r.shape == (3, 15) and np.all(np.isnan(r))
 
 
@@ -359,20 +315,15 @@ def test_wholly_missing_time_point_carries_nan_backwards():
 def test_simsmodraw_in_distribution(name):
     make, diag = SIM_CASES[name]
     case = make()
-    ora = Oracle(case["model"], case["y"])
-    sel = selected_flags(diag)
-    S = selection_matrix(diag)
-    q, n = sel.sum(), case["y"].shape[1]
+    ora = case.oracle()
+    S, sel = selection_matrix(diag)
+    q, n = sel.sum(), case.y.shape[1]
     wgt, store = weights_and_store(case, S)
     given, values = observed(ora)
-    rows = selected_disturbance_rows(ora, sel)
-    mean, cov = conditional(ora, rows, given, values)
-
+    mean, cov = conditional(ora, selected_disturbance_rows(ora, sel), given, values)
     rng = np.random.default_rng(2024)
-    X = np.empty((N_DRAWS, rows.size))
-    for k in range(N_DRAWS):
-        d = run_draw(S, rng.standard_normal((q, n)), wgt, store, case["args"])
-        X[k] = d[sel, 1:].T.reshape(-1)
+    X = np.array([run_draw(S, rng.standard_normal((q, n)), wgt, store, case)[sel, 1:].T.reshape(-1)
+                  for _ in range(N_DRAWS)])
     assert_gaussian_sample(X, mean, cov, what=f"SimSmoDraw {name}")
 
 
@@ -380,40 +331,37 @@ def cond_dens_targets(case, selection):
     """Mean and covariance of the LgmCondDens draw of `selection` (2 or 4),
     flattened like the result (row i, then time), over its observed entries,
     plus the smoothed covariance of the same entries."""
-    ora = Oracle(case["model"], case["y"])
-    m, N, n = ora.model.m, ora.model.N, ora.n
-    given, values = observed(ora)
+    ora = case.oracle()
+    m, N, n = case.m, case.N, ora.n
+    given, _ = observed(ora)
     # The drawn quantities: every state disturbance with positive variance.
     drawn_sel = np.zeros(m + N, bool)
-    drawn_sel[:m] = np.diag(ora.model.var)[:m] > 0
+    drawn_sel[:m] = np.diag(case.var)[:m] > 0
     extra = selected_disturbance_rows(ora, drawn_sel)
+    sm = state_signal_map(ora)
     if selection == 2:
-        tmap = state_signal_map(ora)
+        tmap = sm
         states, _ = ora.smoothed_states()
         signals, _ = ora.signals("smoothed", intercept=True)
         mean = np.vstack([states, signals]).reshape(-1)
     else:
         # state disturbances; observation disturbances y - d - Z alpha
-        tmap = np.zeros(((m + N) * n, ora.G.shape[0]))
-        sm = state_signal_map(ora)
+        tmap = -sm
         for t in range(n):
-            for i in range(m):
-                tmap[i * n + t, ora.dist_rows(t)[i]] = 1.0
-            for i in range(N):
-                tmap[(m + i) * n + t] = -sm[(m + i) * n + t]
-        dist, _, _ = ora.smoothed_disturbances()
-        mean = dist.reshape(-1)
+            tmap[np.arange(m) * n + t] = 0.0
+            tmap[np.arange(m) * n + t, ora.dist_rows(t)[:m]] = 1.0
+        mean = ora.smoothed_disturbances()[0].reshape(-1)
     # Time-varying observation intercepts enter the rebuilt signal one
     # column early (column n-1 at the last time point).
     shift = np.zeros((m + N, n))
-    if "tvdata" in case:
-        tv = case["tvdata"][2]
+    if case.meanidx is not None:
+        tv = case.tvdata[2]
         shift[m] = tv[np.minimum(np.arange(n) + 1, n - 1)] - tv
     mean = mean + (shift if selection == 2 else -shift).reshape(-1)
     proj, smoothed = projection_cov(ora, tmap, given, extra)
     keep = np.ones(mean.size, bool)
     if selection == 4:
-        keep[m * n:] = ~np.isnan(case["y"]).reshape(-1)
+        keep[m * n:] = ~np.isnan(case.y).reshape(-1)
     return mean, proj, smoothed, keep
 
 
@@ -422,13 +370,11 @@ def cond_dens_targets(case, selection):
                          ids=["univariate", "multivariate", "time-varying"])
 def test_lgmconddens_in_distribution(make, selection):
     case = make()
-    m, n = case["model"].m, case["y"].shape[1]
+    m, n = case.m, case.y.shape[1]
     mean, cov, smoothed, keep = cond_dens_targets(case, selection)
-
     tessel.set_seed(77 + selection)
-    X = np.empty((N_DRAWS, mean.size))
-    for k in range(N_DRAWS):
-        X[k] = tessel.call("LgmCondDens", selection, case["y"], *case["args"]).reshape(-1)
+    X = np.array([tessel.call("LgmCondDens", selection, case.y, *case.args()).reshape(-1)
+                  for _ in range(N_DRAWS)])
     if selection == 4:
         # A missing observation gives NaN in its observation-disturbance row.
         assert np.all(np.isnan(X[:, ~keep]))
@@ -440,8 +386,8 @@ def test_lgmconddens_in_distribution(make, selection):
     # is not drawn), and the check above has the power to see it.
     with pytest.raises(AssertionError, match="covariance off"):
         assert_gaussian_sample(X, mean, smoothed, what="against the smoothed variance")
-    states = np.arange(m * n) if selection == 2 else np.arange(0)
-    if states.size:
+    if selection == 2:
+        states = np.arange(m * n)
         assert np.all(np.diag(cov)[states] <= np.diag(smoothed)[states] + 1e-12)
 
 
@@ -452,84 +398,67 @@ def test_lgmconddens_in_distribution(make, selection):
                          ids=["univariate", "multivariate", "time-varying"])
 def test_lgmconddens_smoothed_values(make):
     case = make()
-    ora = Oracle(case["model"], case["y"])
-    m, n = ora.model.m, ora.n
-    tol = case["tol"]
+    ora = case.oracle()
+    m, n, tol = case.m, ora.n, case.tol
     states, _ = ora.smoothed_states()
     dist, _, _ = ora.smoothed_disturbances()
-    r1 = tessel.call("LgmCondDens", 1, case["y"], *case["args"])
-    r3 = tessel.call("LgmCondDens", 3, case["y"], *case["args"])
+    r1 = tessel.call("LgmCondDens", 1, case.y, *case.args())
+    r3 = tessel.call("LgmCondDens", 3, case.y, *case.args())
     scale = max(1.0, abs(states).max())
     np.testing.assert_allclose(r1[:m], states, rtol=0, atol=tol * scale)
     np.testing.assert_allclose(r3, dist, rtol=0, atol=tol * max(1.0, abs(dist).max()))
-
-    signal = np.zeros((ora.model.N, n))
+    signal = np.zeros((case.N, n))
     for t in range(n):
         _, Z, _, _, d = ora.systems[t]
         # Time-varying MeanVec elements lead by one column in the rebuilt
         # signal; the last time point uses column n-1.
-        if "tvdata" in case:
+        if case.meanidx is not None:
             d = d.copy()
-            d[0] = case["tvdata"][2, min(t + 1, n - 1)]
+            d[0] = case.tvdata[2, min(t + 1, n - 1)]
         signal[:, t] = d + Z @ states[:, t]
     np.testing.assert_allclose(r1[m:], signal, rtol=0, atol=tol * scale)
 
 
-def test_lgmconddens_diffuse_element_uses_kappa():
-    """One diffuse element (negative InitMat diagonal) among proper ones:
-    the smoothed states start from a + kappa r for it."""
+@pytest.mark.parametrize("init_change, atol", [((0, 0, -1.0), 2e-3), ((1, 0, 0.6), TOL)],
+                         ids=["diffuse_element_uses_kappa", "lower_triangle_read_like_the_filter"])
+def test_lgmconddens_reads_the_initial_variance_like_the_filter(init_change, atol):
+    """The smoothed start a + P r(-1) uses the same P as the filter. A
+    diffuse element (negative InitMat diagonal) among proper ones starts from
+    a + kappa r: kappa ~ 1e7 and a nearly singular first innovation variance
+    leave both the library and the oracle only ~4 significant digits there
+    (2e-3). Only the diagonal of InitMat and the part left of it are read:
+    the covariance given left of the diagonal counts, junk right of it not."""
     case = multivariate_model()
-    sys, var, init, mean = case["args"]
-    init = init.copy()
-    init[0, 0] = -1.0
-    model = StateSpace(sys, var, init=init, mean=mean)
-    ora = Oracle(model, case["y"])
-    states, _ = ora.smoothed_states()
-    r1 = tessel.call("LgmCondDens", 1, case["y"], sys, var, init, mean)
-    # kappa ~ 1e7 and a nearly singular first innovation variance: both the
-    # library and the oracle keep only ~4 significant digits here.
-    np.testing.assert_allclose(r1[:2], states, rtol=0, atol=2e-3)
+    i, j, value = init_change
+    init = case.init.copy()
+    init[i, j] = value
+    states, _ = case.replace(init=init).oracle().smoothed_states()
+    junk = init.copy()
+    junk[0, 1] = 55.0  # never read
+    for given in (init, junk):
+        r1 = tessel.call("LgmCondDens", 1, case.y, case.sys, case.var, given, case.mean)
+        np.testing.assert_allclose(r1[:2], states, rtol=0, atol=atol)
 
 
 # -------------------------------------------------------- seeds and draws
 
 def test_seed_reproduces_a_draw_and_draws_agree_across_selections():
     case = multivariate_model()
-    y, args = case["y"], case["args"]
-    sys = args[0]
+    y, args = case.y, case.args()
     tessel.set_seed(2026)
     a = tessel.call("LgmCondDens", 2, y, *args)
     tessel.set_seed(2026)
-    b = tessel.call("LgmCondDens", 2, y, *args)
-    assert np.array_equal(a, b)
-    c = tessel.call("LgmCondDens", 2, y, *args)
-    assert not np.allclose(a, c)
+    assert np.array_equal(tessel.call("LgmCondDens", 2, y, *args), a)
+    assert not np.allclose(a, tessel.call("LgmCondDens", 2, y, *args))
 
     # Selection 4 with the same seed uses the same draw: its state rows are
     # the disturbances that carry the simulated states of selection 2 from t
     # to t + 1, its observation rows are data minus the simulated signal.
     tessel.set_seed(2026)
     e = tessel.call("LgmCondDens", 4, y, *args)
-    T, c_state = sys[:2], args[3][:2, 0]
+    T, c_state = case.sys[:2], case.mean[:2, 0]
     np.testing.assert_allclose(a[:2, 1:], c_state[:, None] + T @ a[:2, :-1] + e[:2, :-1],
                                rtol=0, atol=1e-12)
     np.testing.assert_array_equal(np.isnan(e[2:]), np.isnan(y))
     ok = ~np.isnan(y)
     np.testing.assert_allclose(e[2:][ok], (y - a[2:])[ok], rtol=0, atol=1e-12)
-
-
-def test_lgmconddens_reads_the_initial_variance_like_the_filter():
-    """Only the diagonal of InitMat and the part left of it are read: the
-    smoothed start a + P r(-1) uses the same P as the filter, whatever the
-    part right of the diagonal holds."""
-    case = multivariate_model()
-    sys, var, init, mean = case["args"]
-    lower = init.copy()
-    lower[1, 0] = 0.6          # the covariance, given left of the diagonal only
-    junk = lower.copy()
-    junk[0, 1] = 55.0           # never read
-    model = StateSpace(sys, var, init=lower, mean=mean)
-    states, _ = Oracle(model, case["y"]).smoothed_states()
-    for given in (lower, junk):
-        r1 = tessel.call("LgmCondDens", 1, case["y"], sys, var, given, mean)
-        np.testing.assert_allclose(r1[:2], states, rtol=0, atol=TOL)
