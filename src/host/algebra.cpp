@@ -163,6 +163,11 @@ void MatBtSB(double **B, int rowsB, double **S, int colsB, double **R) {
 int IInvDet(double **A, int n, double *logdet, int *sign) {
     double ld = 0.0;
     int sg = 1;
+    // |det| = mant x 2^expo, accumulated pivot by pivot so that one
+    // logarithm serves the whole determinant; pivots and the running product
+    // far from 1 are split into mantissa and exponent to stay in range.
+    double mant = 1.0;
+    long expo = 0;
     if (n <= 0) {
         if (logdet) *logdet = 0.0;
         if (sign) *sign = 1;
@@ -198,7 +203,21 @@ int IInvDet(double **A, int n, double *logdet, int *sign) {
         double *ak = A[k];
         const double pivot = ak[k];
         if (pivot < 0.0) sg = -sg;
-        ld += std::log(std::fabs(pivot));
+        {
+            const double ap = std::fabs(pivot);
+            if (ap > 1e-100 && ap < 1e100) {
+                mant *= ap;
+            } else {
+                int e;
+                mant *= std::frexp(ap, &e);
+                expo += e;
+            }
+            if (!(mant > 1e-100 && mant < 1e100)) {
+                int e;
+                mant = std::frexp(mant, &e);
+                expo += e;
+            }
+        }
         for (int i = k + 1; i < n; ++i) {
             double *ai = A[i];
             // Divide rather than multiply by 1 / pivot: equal rows then
@@ -249,6 +268,7 @@ int IInvDet(double **A, int n, double *logdet, int *sign) {
     for (int i = 0; i < n; ++i)
         for (int j = 0; j < n; ++j)
             if (!std::isfinite(A[i][j])) return fail(1);
+    ld = std::log(mant) + double(expo) * 0.69314718055994530942;
     if (!std::isfinite(ld)) return fail(1);
     if (logdet) *logdet = ld;
     if (sign) *sign = sg;

@@ -27,13 +27,38 @@ struct StepFrame {
     bool dense[kMaxOrder];  // row with every column present
     int unit[kMaxOrder];    // column of a row that is one fixed 1, else -1
     int col[kMaxEntries];
+    // Elements of VarMat that are nonzero on entry or time-varying, as
+    // row * mN + column; all of them when var_all.
+    bool var_all = true;
+    int nvar = 0;
+    int var_at[kMaxEntries];
     double X[kMaxScratch];  // SysMat P, row by row
 };
 
-// Finds the pattern of the (mN x m) SysMat; false (frame unusable) when the
-// model does not fit the frame.
-inline bool build_pattern(StepFrame &f, double **sys, int **sysidx, int mN, int m) {
+// Finds the pattern of the (mN x m) SysMat, and that of VarMat when it is
+// given; false (frame unusable) when the model does not fit the frame.
+inline bool build_pattern(StepFrame &f, double **sys, int **sysidx, int mN, int m,
+                          double **var = nullptr, int **varidx = nullptr) {
     f.ok = false;
+    f.var_all = true;
+    f.nvar = 0;
+    if (var && mN <= StepFrame::kMaxOrder) {
+        int e = 0;
+        bool fits = true;
+        for (int i = 0; i < mN && fits; ++i)
+            for (int j = 0; j < mN; ++j)
+                if (var[i][j] != 0.0 || (varidx && varidx[i][j] >= 0)) {
+                    if (e == StepFrame::kMaxEntries) {
+                        fits = false;
+                        break;
+                    }
+                    f.var_at[e++] = i * mN + j;
+                }
+        if (fits) {
+            f.var_all = false;
+            f.nvar = e;
+        }
+    }
     if (m < 1 || mN > StepFrame::kMaxOrder || mN * m > StepFrame::kMaxScratch) return false;
     int e = 0;
     for (int i = 0; i < mN; ++i) {
@@ -143,7 +168,7 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
                 acc = 0.0;
                 for (int e = f.start[j]; e < f.start[j + 1]; ++e) acc += x[f.col[e]] * s[f.col[e]];
             }
-            if (var) {
+            if (var && f.var_all) {
                 R[i][j] = acc + var[i][j];
                 R[j][i] = acc + var[j][i];
             } else {
@@ -152,6 +177,12 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
             }
         }
     }
+    // VarMat over its pattern: the same single addition per element.
+    if (var && !f.var_all)
+        for (int e = 0; e < f.nvar; ++e) {
+            const int i = f.var_at[e] / mN, j = f.var_at[e] % mN;
+            R[i][j] += var[i][j];
+        }
 }
 
 // The first two pieces of a filter step, by the pattern when the frame is

@@ -237,7 +237,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
     };
 
     StepFrame frame;
-    if (M == 0) build_pattern(frame, sys, sysidx, mN, m);
+    if (M == 0) build_pattern(frame, sys, sysidx, mN, m, var, varidx);
     SteadyState steady_state(allow_steady && !sysidx && !varidx, m, mN);
     bool steady = false;
 
@@ -382,7 +382,7 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
     };
 
     StepFrame frame;
-    build_pattern(frame, sys, sysidx, mN, m);
+    build_pattern(frame, sys, sysidx, mN, m, var, varidx);
     SteadyState steady_state(allow_steady && !sysidx && !varidx, m, mN);
     bool steady = false;
 
