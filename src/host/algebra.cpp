@@ -54,6 +54,54 @@ __attribute__((always_inline)) inline double dot(const double *a, const double *
     return (s0 + s1) + (s2 + s3);
 }
 
+// Nonzero entries of a row-pointer matrix B, row by row (column, value),
+// found once per product: the transition matrices of structural models are
+// mostly zeros and ones, and skipping the zeros changes only the order of
+// the additions. Used when at most half of B is nonzero and every element of
+// S is finite (a zero of B times a NaN or infinite element of S would
+// otherwise vanish instead of propagating).
+class SparseRows {
+public:
+    enum { kStack = 512 };
+    // False when B is too dense (or too big for the scratch) to gain.
+    bool build(double **B, int rows, int cols) {
+        const long total = long(rows) * long(cols);
+        if (rows <= 0 || cols <= 0 || total > 4L * kStack || rows >= kStack) return false;
+        int e = 0;
+        for (int i = 0; i < rows; ++i) {
+            start_[i] = e;
+            const double *b = B[i];
+            for (int j = 0; j < cols; ++j)
+                if (b[j] != 0.0) {
+                    if (2 * (e + 1) > total || e == kStack) return false;
+                    col_[e] = j;
+                    val_[e] = b[j];
+                    ++e;
+                }
+        }
+        start_[rows] = e;
+        return true;
+    }
+    int begin(int i) const { return start_[i]; }
+    int end(int i) const { return start_[i + 1]; }
+    int col(int e) const { return col_[e]; }
+    double val(int e) const { return val_[e]; }
+
+private:
+    int start_[kStack + 1];
+    int col_[kStack];
+    double val_[kStack];
+};
+
+bool all_finite(double **S, int order) {
+    for (int i = 0; i < order; ++i) {
+        const double *s = S[i];
+        for (int j = 0; j < order; ++j)
+            if (!std::isfinite(s[j])) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 extern "C" {
@@ -99,6 +147,33 @@ void MatAB(double **A, int rows, int inner, double **B, int cols, double **R) {
 }
 
 void MatBSBt(double **B, int rowsB, double **S, int orderS, double **R) {
+    {
+        // Mostly zero B: X = B S row by row over the nonzeros of B (rows of S
+        // combined), then R[i][j] = X[i] . B[j] over the nonzeros of B[j].
+        SparseRows sp;
+        Scratch<double, 1024> X(rowsB * orderS);
+        if (X.ok() && sp.build(B, rowsB, orderS) && all_finite(S, orderS)) {
+            for (int i = 0; i < rowsB; ++i) {
+                double *x = &X[i * orderS];
+                for (int c = 0; c < orderS; ++c) x[c] = 0.0;
+                for (int e = sp.begin(i); e < sp.end(i); ++e) {
+                    const double b = sp.val(e);
+                    const double *sk = S[sp.col(e)];
+                    for (int c = 0; c < orderS; ++c) x[c] += b * sk[c];
+                }
+            }
+            for (int i = 0; i < rowsB; ++i) {
+                const double *x = &X[i * orderS];
+                for (int j = i; j < rowsB; ++j) {
+                    double acc = 0.0;
+                    for (int e = sp.begin(j); e < sp.end(j); ++e) acc += x[sp.col(e)] * sp.val(e);
+                    R[i][j] = acc;
+                    R[j][i] = acc;
+                }
+            }
+            return;
+        }
+    }
     // R[i][j] = B[i] . (S B[j]') for j >= i: one product S B[i]' per row,
     // kept in t, then dot products with the rows of B; mirror at the end.
     Scratch<double, 128> t(orderS);
@@ -127,6 +202,38 @@ void MatBSBt(double **B, int rowsB, double **S, int orderS, double **R) {
 }
 
 void MatBtSB(double **B, int rowsB, double **S, int colsB, double **R) {
+    {
+        // Mostly zero B: Y = S B over the nonzeros of B (Y[i] combines the
+        // rows of B weighted by S[i]), then row c of R collects Y[l] for
+        // every nonzero B[l][c]; upper triangle, mirrored.
+        SparseRows sp;
+        Scratch<double, 1024> Y(rowsB * colsB);
+        if (Y.ok() && sp.build(B, rowsB, colsB) && all_finite(S, rowsB)) {
+            for (int i = 0; i < rowsB; ++i) {
+                double *y = &Y[i * colsB];
+                const double *si = S[i];
+                for (int d = 0; d < colsB; ++d) y[d] = 0.0;
+                for (int l = 0; l < rowsB; ++l) {
+                    const double sil = si[l];
+                    for (int e = sp.begin(l); e < sp.end(l); ++e) y[sp.col(e)] += sil * sp.val(e);
+                }
+            }
+            for (int c = 0; c < colsB; ++c)
+                for (int d = c; d < colsB; ++d) R[c][d] = 0.0;
+            for (int l = 0; l < rowsB; ++l) {
+                const double *y = &Y[l * colsB];
+                for (int e = sp.begin(l); e < sp.end(l); ++e) {
+                    const int c = sp.col(e);
+                    const double b = sp.val(e);
+                    double *rc = R[c];
+                    for (int d = c; d < colsB; ++d) rc[d] += b * y[d];
+                }
+            }
+            for (int c = 0; c < colsB; ++c)
+                for (int d = c + 1; d < colsB; ++d) R[d][c] = R[c][d];
+            return;
+        }
+    }
     // B' S B is B S B' for the transpose: gather the columns of B into
     // contiguous rows once, then proceed as MatBSBt with scalar
     // accumulators. Mirror at the end.
