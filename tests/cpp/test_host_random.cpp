@@ -6,7 +6,7 @@
 #include <cmath>
 #include <vector>
 
-#include "host_test_util.h"
+#include "test_util.h"
 #include "tessel/host.hpp"
 #include "tessel/zu.h"
 
@@ -50,7 +50,7 @@ TEST(HostRandom, MatRannFillsRowByRow) {
     zu::set_seed(77);
     const std::vector<double> seq = draws(12);
     zu::set_seed(77);
-    host_test::Mat m(3, 4);
+    testutil::HostMat m(3, 4);
     MatRann(m.get(), 3, 4);
     for (int i = 0; i < 3; ++i)
         for (int j = 0; j < 4; ++j) EXPECT_EQ(m[i][j], seq[4 * i + j]);
