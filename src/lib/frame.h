@@ -98,6 +98,14 @@ private:
 
 // --------------------------------------------------------- argument helpers
 
+// A size formed in wider arithmetic (n + 1 time columns, q p + q(q+1)/2
+// weight rows), as an int: -1 when it does not fit, a size that no
+// allocation grants and no argument matches, so the caller's ordinary
+// failure path reports it.
+inline int fit_size(long long x) { return x >= 0 && x <= 2147483647LL ? static_cast<int>(x) : -1; }
+inline int fit_size(double x) { return x >= 0.0 && x <= 2147483647.0 ? static_cast<int>(x) : -1; }
+
+
 // True when an optional matrix argument counts as absent: not passed, empty
 // (0 x 0 or no elements), or a 1 x 1 matrix equal to 0 (also a scalar 0).
 bool arg_absent(const ZuValue *args, int nargs, int index);

@@ -143,6 +143,45 @@ TEST(OverflowRegressions, ModelCheckWithIntMaxObservationRows) {
     }
 }
 
+// Found by review: the smoother output has n + 1 columns, formed in int; a
+// store of 2^31-1 time points cannot have it, which is the allocation
+// failure of the entry point (error 4), reported before the store is read.
+TEST(OverflowRegressions, KalmanSmoWithIntMaxTimePoints) {
+    NoLeak guard;
+    Args a;
+    a.push_back(Value::matrix(3, 1));  // replaced by a 3 x 2^31-1 store
+    a.push_back(mat(2, 1, {1, 1}));
+    a.push_back(mat(2, 2, {1, 0, 0, 1}));
+    Crafted store(3, INT_MAX);
+    const RawResult r = call_with("KalmanSmo", a, 0, store);
+    ASSERT_TRUE(r.threw);
+    EXPECT_EQ(r.number, zu::kErrorMemory);
+}
+
+// Found by review: SimSmoDraw's result has n + 1 columns as well.
+TEST(OverflowRegressions, SimSmoDrawWithIntMaxTimePoints) {
+    NoLeak guard;
+    Args a;
+    a.push_back(mat(2, 2, {1, 0, 0, 0}));  // selection: the state disturbance
+    a.push_back(Value::matrix(1, 1));      // draws, 1 x n
+    a.push_back(Value::matrix(1, 1));      // weights, 3 x n
+    a.push_back(Value::matrix(1, 1));      // store, 3 x n
+    a.push_back(mat(2, 1, {1, 1}));
+    a.push_back(mat(2, 2, {1, 0, 0, 1}));
+    Crafted draws(1, INT_MAX), weights(3, INT_MAX), store(3, INT_MAX);
+    std::vector<ZuValue> raw;
+    for (Value &v : a) raw.push_back(*v.raw());
+    raw[1] = draws.value;
+    raw[2] = weights.value;
+    raw[3] = store.value;
+    try {
+        zu::call("SimSmoDraw", raw.data(), static_cast<int>(raw.size()));
+        ADD_FAILURE() << "no error";
+    } catch (const zu::Error &e) {
+        EXPECT_EQ(e.number(), zu::kErrorMemory) << e.what();
+    }
+}
+
 // Found by review: the stationary variance of an ARMA block of order n
 // solves an n^2 x n^2 system, and n * n was formed in int. An order of
 // 46341 or more is refused as the scratch allocation failure it is (the
