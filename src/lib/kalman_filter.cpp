@@ -182,17 +182,40 @@ inline void multi_update_mean(int N, int m, int t, double **W1, double **F, cons
     }
 }
 
+// A product of positive numbers kept as mantissa x 2^exponent, so that the
+// single-series filter takes one logarithm per call rather than one per
+// time point; factors and running products far from 1 are split to stay in
+// range.
+struct LogProduct {
+    double mant = 1.0;
+    long expo = 0;
+    void mul(double x) {
+        if (x > 1e-100 && x < 1e100) {
+            mant *= x;
+        } else {
+            int e;
+            mant *= std::frexp(x, &e);
+            expo += e;
+        }
+        if (!(mant > 1e-100 && mant < 1e100)) {
+            int e;
+            mant = std::frexp(mant, &e);
+            expo += e;
+        }
+    }
+    double log() const { return std::log(mant) + double(expo) * 0.69314718055994530942; }
+};
+
 // p = mean + SysMat a and Pbar = SysMat P SysMat' + VarMat for a single
 // series and a state of compile-time order M: the dense products, unrolled.
 template <int M>
-inline void small_prior(double **sys, double **var, const double *mean, double **W1, double *p) {
+inline void small_prior(double **sys, double **var, const double *mean, const double (&P)[M][M],
+                        double (&Pb)[M + 1][M + 1], double **W1, double *p) {
     constexpr int R = M + 1;
-    double S[R][M], P[M][M], X[R][M];
+    double S[R][M], X[R][M];
     const double *a = W1[R];
     for (int i = 0; i < R; ++i)
         for (int j = 0; j < M; ++j) S[i][j] = sys[i][j];
-    for (int i = 0; i < M; ++i)
-        for (int j = 0; j < M; ++j) P[i][j] = W1[i][j];
     for (int i = 0; i < R; ++i) {
         double acc = mean[i];
         for (int j = 0; j < M; ++j) acc += S[i][j] * a[j];
@@ -208,9 +231,11 @@ inline void small_prior(double **sys, double **var, const double *mean, double *
         for (int j = i; j < R; ++j) {
             double acc = 0.0;
             for (int l = 0; l < M; ++l) acc += X[i][l] * S[j][l];
-            W1[i][j] = acc + var[i][j];
-            W1[j][i] = acc + var[j][i];
+            Pb[i][j] = acc + var[i][j];
+            Pb[j][i] = acc + var[j][i];
         }
+    for (int i = 0; i < R; ++i)
+        for (int j = 0; j < R; ++j) W1[i][j] = Pb[i][j];
 }
 
 // The single-series filter; M > 0 fixes the state order at compile time
@@ -227,9 +252,12 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
     int count = -d;
     // The likelihood pieces accumulate locally and are written back on every
     // return (a failed filter still reports what it had summed).
-    double logdet = -d * std::log(kappa), sumsq = 0.0;
+    // log|F| summed as the logarithm of the product of the 1/F.
+    const double logdet0 = -d * std::log(kappa);
+    LogProduct finv_product;
+    double sumsq = 0.0;
     auto finish = [&](int rc) {
-        if (dLogDet) *dLogDet = logdet;
+        if (dLogDet) *dLogDet = logdet0 - finv_product.log();
         if (rc && dSumSq) sumsq /= count;
         if (dSumSq) *dSumSq = sumsq;
         if (rc && cnt) *cnt = count;
@@ -240,6 +268,18 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
     if (M == 0) build_pattern(frame, sys, sysidx, mN, m, var, varidx);
     SteadyState steady_state(allow_steady && !sysidx && !varidx, m, mN);
     bool steady = false;
+
+    // Small models keep P and Pbar in local arrays (registers) from step to
+    // step, W1 receiving the same values as it goes; the arithmetic is that
+    // of the general path.
+    constexpr int ML = M > 0 ? M : 1;
+    double Pl[ML][ML], Pb[ML + 1][ML + 1];
+    auto load_P = [&] {
+        if constexpr (M > 0)
+            for (int i = 0; i < M; ++i)
+                for (int j = 0; j < M; ++j) Pl[i][j] = W1[i][j];
+    };
+    load_P();
 
     double *a = W1[mN];  // a in columns 0..m-1, v in column m
     double *K = W1[m];   // row m of Pbar: M, then scaled into the gain
@@ -275,7 +315,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
                 const double Finv = Kb[m];
                 if (Finv > 0.0) {
                     ++count;
-                    logdet -= steady_state.logv(k);
+                    finv_product.mul(Finv);
                     sumsq += v * v * Finv;
                 }
                 if (store) {
@@ -287,6 +327,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             for (int j = 0; j < m; ++j) a[j] = al[j];
             a[m] = v;
             steady_state.settle(W1, k);
+            load_P();
             if (steady_steps) *steady_steps += k;
             steady = false;
             t += k - 1;  // the step that ended the run is taken next
@@ -299,12 +340,15 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             else
                 steady_state.before(W1);
         }
-        if (M > 0)
-            small_prior<M>(sys, var, mean, W1, p);
+        if constexpr (M > 0)
+            small_prior<M>(sys, var, mean, Pl, Pb, W1, p);
         else
             step_prior(frame, m, mN, sys, var, mean, W1, W2, false);
 
         if (missing) {
+            if constexpr (M > 0)
+                for (int i = 0; i < M; ++i)
+                    for (int j = 0; j < M; ++j) Pl[i][j] = Pb[i][j];
             for (int k = 0; k < m; ++k) a[k] = p[k];
             SetNaN(&a[m]);
             if (store) {
@@ -316,17 +360,21 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
 
         const double v = yt - p[m];
         a[m] = v;
-        const double F = K[m];
+        const double F = M > 0 ? Pb[ML][ML] : K[m];
         if (F == 0.0) return finish(0);
         const double Finv = 1.0 / F;
+        double Kl[ML];
+        if constexpr (M > 0) {
+            for (int k = 0; k < M; ++k) K[k] = Kl[k] = Pb[M][k] * Finv;
+        } else {
+            for (int k = 0; k < m; ++k) K[k] *= Finv;
+        }
         K[m] = Finv;
-        for (int k = 0; k < m; ++k) K[k] *= Finv;
 
         // A negative F is filtered through but not counted.
-        const double logFinv = std::log(Finv);
         if (Finv > 0.0) {
             ++count;
-            logdet -= logFinv;
+            finv_product.mul(Finv);
             sumsq += v * v * Finv;
         }
 
@@ -337,15 +385,24 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
 
         for (int j = 0; j < m; ++j) a[j] = p[j] + K[j] * v;
         // P(t+1) = Pbar - M K', with M the unscaled last column of Pbar.
-        for (int j = 0; j < m; ++j) {
-            const double Mj = W1[j][m];
-            double *Pj = W1[j];
-            for (int k = j; k < m; ++k) Pj[k] -= Mj * K[k];
+        if constexpr (M > 0) {
+            for (int j = 0; j < M; ++j)
+                for (int k = j; k < M; ++k) {
+                    const double x = Pb[j][k] - Pb[j][M] * Kl[k];
+                    Pl[j][k] = Pl[k][j] = x;
+                    W1[j][k] = W1[k][j] = x;
+                }
+        } else {
+            for (int j = 0; j < m; ++j) {
+                const double Mj = W1[j][m];
+                double *Pj = W1[j];
+                for (int k = j; k < m; ++k) Pj[k] -= Mj * K[k];
+            }
+            for (int j = 0; j < m; ++j)
+                for (int k = j + 1; k < m; ++k) W1[k][j] = W1[j][k];
         }
-        for (int j = 0; j < m; ++j)
-            for (int k = j + 1; k < m; ++k) W1[k][j] = W1[j][k];
 
-        if (steady_state.usable()) steady = steady_state.after(W1, logFinv);
+        if (steady_state.usable()) steady = steady_state.after(W1, 0.0);
     }
 
     return finish(count < 1 ? 0 : 1);
