@@ -4,6 +4,7 @@
 
 #include <climits>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -262,11 +263,17 @@ TEST(HostChecks, NumericScalarsConvertInPlace) {
     a.push_back(zu::Value::real(-2.0));
     a.push_back(zu::Value::integer(7));
     a.push_back(zu::Value::real(1.5));
+    a.push_back(zu::Value::matrix(2, 1));
+    a.push_back(zu::Value::real(5));
     in_call("KalmanFil", a, [](ZuValue *args) {
         ZuLibCheckType(ZU_DOUBLE, args, 0, 0);
         ZuLibCheckType(ZU_INT, args, 1, 2);  // exact integers only
         ZuLibCheckType(ZU_MATRIX, args, 3, 4);
+        ZuLibCheckMatrixSize(args, 5, 5, 2, 1);
+        ZuLibCheckMatrixSize(args, 6, 6, 1, 1);  // a scalar becomes 1 x 1
     });
+    EXPECT_EQ(a[6].type(), ZU_MATRIX);
+    EXPECT_EQ(a[6].at(0, 0), 5.0);
     EXPECT_EQ(a[0].type(), ZU_DOUBLE);
     EXPECT_EQ(a[0].as_double(), 3.0);
     EXPECT_EQ(a[1].as_int(), 4);
@@ -277,75 +284,50 @@ TEST(HostChecks, NumericScalarsConvertInPlace) {
     EXPECT_EQ(a[4].at(0, 0), 1.5);
 }
 
-TEST(HostChecks, TypeErrorsNameFunctionArgumentExpectedAndFound) {
+// Every failed check names the function, the argument (counted from the
+// call's first argument even when the array is passed from an offset), what
+// was expected and what was found, and leaves the value as it was. Missing
+// arguments are errors, not reads; in a call without arguments any index is
+// missing.
+TEST(HostChecks, ErrorTextsAndMissingArguments) {
+    struct Case {
+        int number;
+        std::string text;
+        std::function<void(ZuValue *)> check;
+    };
     zu::Value target = zu::Value::real(0);
     std::vector<zu::Value> a;
     a.push_back(zu::Value::matrix(2, 2));
     a.push_back(zu::Value::real(2.5));
     a.push_back(zu::Value::ref(target));
     a.push_back(zu::Value::real(3e10));
-    in_call("KalmanFil", a, [](ZuValue *args) {
-        expect_error([&] { ZuLibCheckType(ZU_MATRIX, args, 0, 2); }, zu::kErrorType,
-                     "KalmanFil(): argument 3: expected matrix, found reference");
-        expect_error([&] { ZuLibCheckType(ZU_INT, args, 1, 1); }, zu::kErrorType,
-                     "KalmanFil(): argument 2: expected integer, found double that is not an integer");
-        expect_error([&] { ZuLibCheckType(ZU_INT, args, 3, 3); }, zu::kErrorType,
-                     "KalmanFil(): argument 4: expected integer, found double that is not an integer");
-        expect_error([&] { ZuLibCheckType(ZU_REF, args, 0, 0); }, zu::kErrorType,
-                     "KalmanFil(): argument 1: expected reference, found matrix");
-        expect_error([&] { ZuLibCheckType(ZU_DOUBLE, args, 0, 0); }, zu::kErrorType,
-                     "KalmanFil(): argument 1: expected double, found matrix");
-        // Argument numbers count from the call's first argument even when
-        // the array is passed from an offset.
-        expect_error([&] { ZuLibCheckType(ZU_MATRIX, args + 2, 0, 0); }, zu::kErrorType,
-                     "KalmanFil(): argument 3: expected matrix, found reference");
-        ZuLibCheckType(ZU_REF, args, 2, 2);  // no error
+    a.push_back(zu::Value::matrix(3, 1));
+    a.push_back(zu::Value::integer(6));
+    const std::string f = "KalmanFil(): argument ";
+    const std::vector<Case> cases = {
+        {zu::kErrorType, f + "3: expected matrix, found reference", [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v, 0, 2); }},
+        {zu::kErrorType, f + "2: expected integer, found double that is not an integer", [](ZuValue *v) { ZuLibCheckType(ZU_INT, v, 1, 1); }},
+        {zu::kErrorType, f + "4: expected integer, found double that is not an integer", [](ZuValue *v) { ZuLibCheckType(ZU_INT, v, 3, 3); }},
+        {zu::kErrorType, f + "1: expected reference, found matrix", [](ZuValue *v) { ZuLibCheckType(ZU_REF, v, 0, 0); }},
+        {zu::kErrorType, f + "1: expected double, found matrix", [](ZuValue *v) { ZuLibCheckType(ZU_DOUBLE, v, 0, 0); }},
+        {zu::kErrorType, f + "3: expected matrix, found reference", [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v + 2, 0, 0); }},
+        {zu::kErrorSize, f + "5: expected 2 x 1 matrix, found 3 x 1", [](ZuValue *v) { ZuLibCheckMatrixSize(v, 4, 4, 2, 1); }},
+        {zu::kErrorSize, f + "6: expected 2 x 2 matrix, found 1 x 1", [](ZuValue *v) { ZuLibCheckMatrixSize(v, 5, 5, 2, 2); }},
+        {zu::kErrorSize, f + "3: expected 1 x 1 matrix, found reference", [](ZuValue *v) { ZuLibCheckMatrixSize(v, 2, 2, 1, 1); }},
+        {zu::kErrorType, f + "7 missing", [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v, 4, 7); }},
+        {zu::kErrorSize, f + "7 missing", [](ZuValue *v) { ZuLibCheckMatrixSize(v, 6, 8, 1, 1); }},
+        {zu::kErrorType, f + "0 missing", [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v, -1, 0); }},
+        {zu::kErrorType, f + "7 missing", [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v + 5, 1, 1); }},
+    };
+    in_call("KalmanFil", a, [&](ZuValue *args) {
+        for (const Case &c : cases) expect_error([&] { c.check(args); }, c.number, c.text);
+        ZuLibCheckType(ZU_REF, args, 2, 2);     // no error
         ZuLibCheckType(ZU_MATRIX, args, 1, 0);  // empty range
     });
-    EXPECT_EQ(a[1].type(), ZU_DOUBLE);  // a failed check leaves the value
-}
-
-TEST(HostChecks, MatrixSizeErrorsAndScalarConversion) {
-    std::vector<zu::Value> a;
-    a.push_back(zu::Value::matrix(2, 1));
-    a.push_back(zu::Value::matrix(3, 1));
-    a.push_back(zu::Value::real(5));
-    a.push_back(zu::Value::integer(6));
-    zu::Value t;
-    a.push_back(zu::Value::ref(t));
-    in_call("LgmLik", a, [](ZuValue *args) {
-        ZuLibCheckMatrixSize(args, 0, 0, 2, 1);
-        expect_error([&] { ZuLibCheckMatrixSize(args, 0, 1, 2, 1); }, zu::kErrorSize,
-                     "LgmLik(): argument 2: expected 2 x 1 matrix, found 3 x 1");
-        ZuLibCheckMatrixSize(args, 2, 2, 1, 1);  // scalar becomes 1 x 1
-        expect_error([&] { ZuLibCheckMatrixSize(args, 3, 3, 2, 2); }, zu::kErrorSize,
-                     "LgmLik(): argument 4: expected 2 x 2 matrix, found 1 x 1");
-        expect_error([&] { ZuLibCheckMatrixSize(args, 4, 4, 1, 1); }, zu::kErrorSize,
-                     "LgmLik(): argument 5: expected 1 x 1 matrix, found reference");
-    });
-    EXPECT_EQ(a[2].type(), ZU_MATRIX);
-    EXPECT_EQ(a[2].at(0, 0), 5.0);
-}
-
-TEST(HostChecks, MissingArgumentsAreErrorsNotReads) {
-    std::vector<zu::Value> a;
-    a.push_back(zu::Value::matrix(1, 1));
-    a.push_back(zu::Value::matrix(1, 1));
-    in_call("LgmLik", a, [](ZuValue *args) {
-        expect_error([&] { ZuLibCheckType(ZU_MATRIX, args, 0, 4); }, zu::kErrorType,
-                     "LgmLik(): argument 3 missing");
-        expect_error([&] { ZuLibCheckMatrixSize(args, 1, 4, 1, 1); }, zu::kErrorSize,
-                     "LgmLik(): argument 3 missing");
-        expect_error([&] { ZuLibCheckType(ZU_MATRIX, args, -1, 0); }, zu::kErrorType,
-                     "LgmLik(): argument 0 missing");
-        expect_error([&] { ZuLibCheckType(ZU_MATRIX, args + 1, 1, 1); }, zu::kErrorType,
-                     "LgmLik(): argument 3 missing");
-    });
-    // A call without arguments: any index is missing.
+    EXPECT_EQ(a[1].type(), ZU_DOUBLE);
     std::vector<zu::Value> none;
     in_call("LgmVersion", none, [](ZuValue *args) {
-        expect_error([&] { ZuLibCheckType(ZU_INT, args, 0, 0); }, zu::kErrorType,
-                     "LgmVersion(): argument 1 missing");
+        expect_error([&] { ZuLibCheckType(ZU_INT, args, 0, 0); }, zu::kErrorType, "LgmVersion(): argument 1 missing");
     });
 }
 
