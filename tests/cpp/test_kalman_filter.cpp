@@ -1,9 +1,12 @@
 // test_kalman_filter.cpp - the forward filters (fMultiKalmanFil,
-// fUnivKalmanFil) called directly, and the entry points KalmanFil, LgmLik,
-// LgmLikConc and LgmRecursion called by name: the single-series filter
+// fUnivKalmanFil) called directly, and the entry points KalmanFil, LgmLik
+// and LgmLikConc called by name: the single-series filter
 // against the multivariate one, the failure rules of each filter with closed
-// form results, the failure reports with messages on and off, and the
-// allocation-failure sweep.
+// form results, and the failure reports with messages on and off.
+//
+// Every allocation of these entry points failed in turn, for one and two
+// series with fixed and time-varying models, is tested in
+// test_reliability.cpp.
 //
 // The likelihoods against the joint-Gaussian oracle, the partial sums left
 // by too few observations and LgmRecursion's paths are tested from Python
@@ -330,65 +333,5 @@ TEST(FilterEntryPoints, ArgumentFaults) {
     Args wrong_rows = {mat(2, 2, {1, 2, 3, 4}), mat(2, 1, {1, 1}), mat(2, 2, {1, 0, 0, 1})};
     EXPECT_EQ(call_error("KalmanFil", wrong_rows).number, zu::kErrorSize);
 }
-
-// -------------------------------------------------- allocation failures
-
-// A time-varying model with every index matrix used, so that opening,
-// copying and the compact list all allocate; diffuse start.
-LgmModel sweep_model(int N, int n) {
-    LgmModel md;
-    md.m = 2;
-    md.N = N;
-    const int mN = 2 + N;
-    md.sys.assign(mN * 2, 0.0);
-    md.sys[0] = md.sys[1] = md.sys[3] = 1;
-    for (int i = 0; i < N; ++i) md.sys[(2 + i) * 2] = 1.0 + i;
-    md.var.assign(mN * mN, 0.0);
-    for (int k = 0; k < mN; ++k) md.var[k * mN + k] = 1.0;
-    md.init = {-1, 0, 0, -1, 0, 0};
-    md.add_time_varying(n);
-    return md;
-}
-
-class FilterAllocationSweep : public ::testing::TestWithParam<int> {};
-
-// A failed allocation inside the filter (the F view) is reported as a
-// filter failure; every other one is host error 4.
-TEST_P(FilterAllocationSweep, FilterLikelihoodsAndRecursion) {
-    const int N = GetParam(), n = 8;
-    const LgmModel md = sweep_model(N, n);
-    std::vector<Value> refs(2);
-    for (const std::string name : {"KalmanFil", "LgmLik", "LgmLikConc", "LgmRecursion"}) {
-        SCOPED_TRACE(name);
-        const bool lik = name == "LgmLik" || name == "LgmLikConc", rec = name == "LgmRecursion";
-        const long sites = allocation_sweep(
-            name,
-            [&]() {
-                Args a;
-                if (lik) a = {Value::ref(refs[0]), Value::ref(refs[1])};
-                a.push_back(rec ? mat(2 + N, n, std::vector<double>((2 + N) * n, 0.1))
-                                : mat(N, n, series(N, n)));
-                md.push(a);
-                return a;
-            },
-            [&](const SweepStep &s) {
-                if (s.threw || rec) {
-                    EXPECT_TRUE(s.threw) << "step " << s.k;
-                    EXPECT_EQ(s.error_number, zu::kErrorMemory) << "step " << s.k;
-                    return;
-                }
-                ASSERT_EQ(s.messages.size(), 1u) << "step " << s.k;
-                EXPECT_EQ(s.messages[0], psd_message(name));
-                if (lik)
-                    EXPECT_EQ(s.result.as_int(), 0);
-                else
-                    EXPECT_TRUE(s.result.is_none());
-            },
-            5000, release_all(refs));
-        EXPECT_GE(sites, rec ? 6 : 5);  // return value, 3 tables, copies, W1, W2
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(SingleAndMulti, FilterAllocationSweep, ::testing::Values(1, 2));
 
 }  // namespace

@@ -4,7 +4,9 @@
 // store only for m > 1, the output written over the prediction in place),
 // the single-series routines against the multivariate ones with N = 1
 // including their documented differences, the failure reports with their
-// exact texts, and the allocation-failure sweeps.
+// exact texts, and the allocation-failure sweeps of LgmMomentEst and
+// LgmLikSco with what they must free (KalmanSmo's sweep, with the other
+// entry points', is in test_reliability.cpp).
 //
 // Numerical agreement with the joint-Gaussian oracle and statsmodels is
 // tested from Python (tests/python/test_smoothing.py).
@@ -392,19 +394,6 @@ LgmModel sweep_model(int N, int n) {
 }
 
 class SmoothingSweep : public ::testing::TestWithParam<int> {};
-
-TEST_P(SmoothingSweep, KalmanSmo) {
-    const int N = GetParam(), n = 6;
-    const LgmModel md = sweep_model(N, n);
-    const Value store = invoke("KalmanFil", with_model({mat(N, n, series(N, n, {2}))}, md));
-    const long sites = allocation_sweep(
-        "KalmanSmo", [&] { return with_model({store}, md); },
-        [&](const SweepStep &s) {
-            EXPECT_TRUE(s.threw);
-            EXPECT_EQ(s.error_number, zu::kErrorMemory);
-        });
-    EXPECT_GE(sites, 6);  // return value, 2 tables, 2 copies, W1, W2
-}
 
 // The return value and the moments are freed whatever fails. An allocation
 // inside the multivariate pass (F view, filtered scratch) is reported as the
