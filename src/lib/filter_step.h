@@ -32,7 +32,9 @@ struct StepFrame {
     bool var_all = true;
     int nvar = 0;
     int var_at[kMaxEntries];
+    bool rowwise = false;   // most rows full: register-blocked dense products
     double X[kMaxScratch];  // SysMat P, row by row
+    double St[kMaxScratch]; // SysMat', m x mN, for the dense products
 };
 
 // Finds the pattern of the (mN x m) SysMat, and that of VarMat when it is
@@ -75,6 +77,9 @@ inline bool build_pattern(StepFrame &f, double **sys, int **sysidx, int mN, int 
         f.unit[i] = (e - f.start[i]) == 1 && sys[i][k] == 1.0 && !(sysidx && sysidx[i][k] >= 0) ? k : -1;
     }
     f.start[mN] = e;
+    int full = 0;
+    for (int i = 0; i < mN; ++i) full += f.dense[i] ? 1 : 0;
+    f.rowwise = 2 * full > mN;
     f.rows = mN;
     f.cols = m;
     f.ok = true;
@@ -112,6 +117,54 @@ __attribute__((always_inline)) inline void step_predict(const StepFrame &f, doub
     }
 }
 
+// Pairs of doubles, the baseline vector width of x86-64 (plain
+// multiplications and additions, so results do not depend on the target).
+typedef double step_v2 __attribute__((vector_size(16)));
+
+// x[0..len) = sum over k < n of coef[k] rows[k][off .. off+len): the
+// columns are taken eight at a time in four register pairs that stay in
+// registers over the whole sum, then two and one at a time.
+__attribute__((always_inline)) inline void step_combine_rows(double *x, const double *coef,
+                                                             double *const *rows, int n, int off,
+                                                             int len) {
+    int c = 0;
+    for (; c + 8 <= len; c += 8) {
+        step_v2 a0 = {0.0, 0.0}, a1 = a0, a2 = a0, a3 = a0;
+        for (int k = 0; k < n; ++k) {
+            const double *r = rows[k] + off + c;
+            const step_v2 s = {coef[k], coef[k]};
+            step_v2 v0, v1, v2, v3;
+            __builtin_memcpy(&v0, r, 16);
+            __builtin_memcpy(&v1, r + 2, 16);
+            __builtin_memcpy(&v2, r + 4, 16);
+            __builtin_memcpy(&v3, r + 6, 16);
+            a0 += s * v0;
+            a1 += s * v1;
+            a2 += s * v2;
+            a3 += s * v3;
+        }
+        __builtin_memcpy(x + c, &a0, 16);
+        __builtin_memcpy(x + c + 2, &a1, 16);
+        __builtin_memcpy(x + c + 4, &a2, 16);
+        __builtin_memcpy(x + c + 6, &a3, 16);
+    }
+    for (; c + 2 <= len; c += 2) {
+        step_v2 a0 = {0.0, 0.0};
+        for (int k = 0; k < n; ++k) {
+            const step_v2 s = {coef[k], coef[k]};
+            step_v2 v0;
+            __builtin_memcpy(&v0, rows[k] + off + c, 16);
+            a0 += s * v0;
+        }
+        __builtin_memcpy(x + c, &a0, 16);
+    }
+    for (; c < len; ++c) {
+        double a0 = 0.0;
+        for (int k = 0; k < n; ++k) a0 += coef[k] * rows[k][off + c];
+        x[c] = a0;
+    }
+}
+
 // R = SysMat P SysMat' (+ VarMat when var is given), with P the top-left
 // m x m block of W (symmetric, both triangles held). R may be W itself: P is
 // read in full before R is written. The upper triangle is computed and the
@@ -122,6 +175,38 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
                                                                double **R) {
     const int mN = f.rows, m = f.cols;
     double *X = f.X;
+    if (f.rowwise) {
+        // Mostly full SysMat: X[i] = SysMat[i] P combines the rows of P, and
+        // row i of X SysMat' (columns i..) combines the rows of SysMat'.
+        double *St = f.St;
+        double *strows[StepFrame::kMaxOrder];
+        for (int l = 0; l < m; ++l) strows[l] = St + l * mN;
+        for (int j = 0; j < mN; ++j) {
+            const double *s = sys[j];
+            for (int l = 0; l < m; ++l) St[l * mN + j] = s[l];
+        }
+        for (int i = 0; i < mN; ++i) step_combine_rows(X + i * m, sys[i], W, m, 0, m);
+        double row[StepFrame::kMaxOrder];
+        for (int i = 0; i < mN; ++i) {
+            step_combine_rows(row, X + i * m, strows, m, i, mN - i);
+            for (int j = i; j < mN; ++j) {
+                const double acc = row[j - i];
+                if (var && f.var_all) {
+                    R[i][j] = acc + var[i][j];
+                    R[j][i] = acc + var[j][i];
+                } else {
+                    R[i][j] = acc;
+                    R[j][i] = acc;
+                }
+            }
+        }
+        if (var && !f.var_all)
+            for (int e = 0; e < f.nvar; ++e) {
+                const int i = f.var_at[e] / mN, j = f.var_at[e] % mN;
+                R[i][j] += var[i][j];
+            }
+        return;
+    }
     // X = SysMat P: row i is a combination of the rows of P.
     for (int i = 0; i < mN; ++i) {
         double *x = X + i * m;
