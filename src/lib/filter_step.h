@@ -222,22 +222,15 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
             for (int c = 0; c < m; ++c) x[c] = step_dot(s, W[c], m);
             continue;
         }
-        if (e0 == e1) {
-            for (int c = 0; c < m; ++c) x[c] = 0.0;
-            continue;
+        // Combine the rows of P named by the nonzeros of row i.
+        double coef[StepFrame::kMaxOrder];
+        double *prow[StepFrame::kMaxOrder];
+        int n = 0;
+        for (int e = e0; e < e1; ++e, ++n) {
+            coef[n] = s[f.col[e]];
+            prow[n] = W[f.col[e]];
         }
-        {
-            const int k = f.col[e0];
-            const double sk = s[k];
-            const double *pk = W[k];
-            for (int c = 0; c < m; ++c) x[c] = sk * pk[c];
-        }
-        for (int e = e0 + 1; e < e1; ++e) {
-            const int k = f.col[e];
-            const double sk = s[k];
-            const double *pk = W[k];
-            for (int c = 0; c < m; ++c) x[c] += sk * pk[c];
-        }
+        step_combine_rows(x, coef, prow, n, 0, m);
     }
     // R[i][j] = X[i] . SysMat[j] for j >= i.
     for (int i = 0; i < mN; ++i) {

@@ -78,8 +78,9 @@ public:
             // Track in full once the diagonal has settled to 1e-12.
             double change = 0.0, size = 0.0;
             for (int r = 0; r < m_; ++r) {
-                change = std::fmax(change, std::fabs(W1[r][r] - diag_[r]));
-                size = std::fmax(size, std::fabs(W1[r][r]));
+                const double dr = std::fabs(W1[r][r] - diag_[r]), sr = std::fabs(W1[r][r]);
+                change = dr > change ? dr : change;
+                size = sr > size ? sr : size;
             }
             tracking_ = change <= 1e-12 * size;
             return false;
