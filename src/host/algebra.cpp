@@ -82,6 +82,25 @@ public:
         start_[rows] = e;
         return true;
     }
+    // The same by columns: begin(j)..end(j) list the rows (col()) and
+    // values of the nonzeros of column j.
+    bool build_columns(double **B, int rows, int cols) {
+        const long total = long(rows) * long(cols);
+        if (rows <= 0 || cols <= 0 || total > 4L * kStack || cols >= kStack) return false;
+        int e = 0;
+        for (int j = 0; j < cols; ++j) {
+            start_[j] = e;
+            for (int i = 0; i < rows; ++i)
+                if (B[i][j] != 0.0) {
+                    if (2 * (e + 1) > total || e == kStack) return false;
+                    col_[e] = i;
+                    val_[e] = B[i][j];
+                    ++e;
+                }
+        }
+        start_[cols] = e;
+        return true;
+    }
     int begin(int i) const { return start_[i]; }
     int end(int i) const { return start_[i + 1]; }
     int col(int e) const { return col_[e]; }
@@ -92,6 +111,57 @@ private:
     int col_[kStack];
     double val_[kStack];
 };
+
+// Pairs of doubles, the baseline vector width of x86-64.
+typedef double v2 __attribute__((vector_size(16)));
+
+// x[0..len) = sum over k < n of coef[k] rows[k][off .. off+len): eight
+// columns at a time in four register pairs kept over the whole sum, then
+// two and one at a time. The building block of the dense products below:
+// every row of a result is a combination of rows of an operand.
+inline void combine_rows(double *x, const double *coef, double *const *rows, int n, int off,
+                         int len) {
+    int c = 0;
+    for (; c + 8 <= len; c += 8) {
+        v2 a0 = {0.0, 0.0}, a1 = a0, a2 = a0, a3 = a0;
+        for (int k = 0; k < n; ++k) {
+            const double *r = rows[k] + off + c;
+            const v2 s = {coef[k], coef[k]};
+            v2 r0, r1, r2, r3;
+            __builtin_memcpy(&r0, r, 16);
+            __builtin_memcpy(&r1, r + 2, 16);
+            __builtin_memcpy(&r2, r + 4, 16);
+            __builtin_memcpy(&r3, r + 6, 16);
+            a0 += s * r0;
+            a1 += s * r1;
+            a2 += s * r2;
+            a3 += s * r3;
+        }
+        __builtin_memcpy(x + c, &a0, 16);
+        __builtin_memcpy(x + c + 2, &a1, 16);
+        __builtin_memcpy(x + c + 4, &a2, 16);
+        __builtin_memcpy(x + c + 6, &a3, 16);
+    }
+    for (; c + 2 <= len; c += 2) {
+        v2 a0 = {0.0, 0.0};
+        for (int k = 0; k < n; ++k) {
+            const v2 s = {coef[k], coef[k]};
+            v2 r0;
+            __builtin_memcpy(&r0, rows[k] + off + c, 16);
+            a0 += s * r0;
+        }
+        __builtin_memcpy(x + c, &a0, 16);
+    }
+    for (; c < len; ++c) {
+        double a0 = 0.0;
+        for (int k = 0; k < n; ++k) a0 += coef[k] * rows[k][off + c];
+        x[c] = a0;
+    }
+}
+
+// Dense products of the small orders of the recursions go through
+// combine_rows; above this order the scratch would not fit the stack.
+constexpr int kBlockedOrder = 64;
 
 bool all_finite(double **S, int order) {
     for (int i = 0; i < order; ++i) {
@@ -174,6 +244,24 @@ void MatBSBt(double **B, int rowsB, double **S, int orderS, double **R) {
             return;
         }
     }
+    if (rowsB <= kBlockedOrder && orderS <= kBlockedOrder && rowsB > 0 && orderS > 0) {
+        // X = B S (row i combines the rows of S by B[i]); row i of X B'
+        // (columns i..) combines the rows of B' by X[i].
+        double X[kBlockedOrder * kBlockedOrder], Bt[kBlockedOrder * kBlockedOrder];
+        double *srows[kBlockedOrder], *btrows[kBlockedOrder], row[kBlockedOrder];
+        for (int k = 0; k < orderS; ++k) {
+            srows[k] = S[k];
+            btrows[k] = Bt + k * rowsB;
+        }
+        for (int j = 0; j < rowsB; ++j)
+            for (int k = 0; k < orderS; ++k) Bt[k * rowsB + j] = B[j][k];
+        for (int i = 0; i < rowsB; ++i) combine_rows(X + i * orderS, B[i], srows, orderS, 0, orderS);
+        for (int i = 0; i < rowsB; ++i) {
+            combine_rows(row, X + i * orderS, btrows, orderS, i, rowsB - i);
+            for (int j = i; j < rowsB; ++j) R[i][j] = R[j][i] = row[j - i];
+        }
+        return;
+    }
     // R[i][j] = B[i] . (S B[j]') for j >= i: one product S B[i]' per row,
     // kept in t, then dot products with the rows of B; mirror at the end.
     Scratch<double, 128> t(orderS);
@@ -203,36 +291,51 @@ void MatBSBt(double **B, int rowsB, double **S, int orderS, double **R) {
 
 void MatBtSB(double **B, int rowsB, double **S, int colsB, double **R) {
     {
-        // Mostly zero B: Y = S B over the nonzeros of B (Y[i] combines the
-        // rows of B weighted by S[i]), then row c of R collects Y[l] for
-        // every nonzero B[l][c]; upper triangle, mirrored.
+        // Mostly zero B, taken by columns: Y[i][d] = S[i] . B[.][d] over the
+        // nonzeros of column d; then row c of R (columns c..) combines the
+        // rows Y[l] of the nonzeros B[l][c]; mirrored.
         SparseRows sp;
         Scratch<double, 1024> Y(rowsB * colsB);
-        if (Y.ok() && sp.build(B, rowsB, colsB) && all_finite(S, rowsB)) {
+        if (rowsB <= kBlockedOrder && colsB <= kBlockedOrder && Y.ok() &&
+            sp.build_columns(B, rowsB, colsB) && all_finite(S, rowsB)) {
             for (int i = 0; i < rowsB; ++i) {
                 double *y = &Y[i * colsB];
                 const double *si = S[i];
-                for (int d = 0; d < colsB; ++d) y[d] = 0.0;
-                for (int l = 0; l < rowsB; ++l) {
-                    const double sil = si[l];
-                    for (int e = sp.begin(l); e < sp.end(l); ++e) y[sp.col(e)] += sil * sp.val(e);
+                for (int d = 0; d < colsB; ++d) {
+                    double acc = 0.0;
+                    for (int e = sp.begin(d); e < sp.end(d); ++e) acc += si[sp.col(e)] * sp.val(e);
+                    y[d] = acc;
                 }
             }
-            for (int c = 0; c < colsB; ++c)
-                for (int d = c; d < colsB; ++d) R[c][d] = 0.0;
-            for (int l = 0; l < rowsB; ++l) {
-                const double *y = &Y[l * colsB];
-                for (int e = sp.begin(l); e < sp.end(l); ++e) {
-                    const int c = sp.col(e);
-                    const double b = sp.val(e);
-                    double *rc = R[c];
-                    for (int d = c; d < colsB; ++d) rc[d] += b * y[d];
+            double coef[kBlockedOrder], row[kBlockedOrder];
+            double *yrows[kBlockedOrder];
+            for (int c = 0; c < colsB; ++c) {
+                int n = 0;
+                for (int e = sp.begin(c); e < sp.end(c); ++e, ++n) {
+                    coef[n] = sp.val(e);
+                    yrows[n] = &Y[sp.col(e) * colsB];
                 }
+                combine_rows(row, coef, yrows, n, c, colsB - c);
+                for (int d = c; d < colsB; ++d) R[c][d] = R[d][c] = row[d - c];
             }
-            for (int c = 0; c < colsB; ++c)
-                for (int d = c + 1; d < colsB; ++d) R[d][c] = R[c][d];
             return;
         }
+    }
+    if (rowsB <= kBlockedOrder && colsB <= kBlockedOrder && rowsB > 0 && colsB > 0) {
+        // Y = S B (row i combines the rows of B by S[i]); row c of B' Y
+        // (columns c..) combines the rows of Y by column c of B.
+        double Y[kBlockedOrder * kBlockedOrder];
+        double *yrows[kBlockedOrder], bcol[kBlockedOrder], row[kBlockedOrder];
+        for (int i = 0; i < rowsB; ++i) {
+            yrows[i] = Y + i * colsB;
+            combine_rows(yrows[i], S[i], B, rowsB, 0, colsB);
+        }
+        for (int c = 0; c < colsB; ++c) {
+            for (int l = 0; l < rowsB; ++l) bcol[l] = B[l][c];
+            combine_rows(row, bcol, yrows, rowsB, c, colsB - c);
+            for (int d = c; d < colsB; ++d) R[c][d] = R[d][c] = row[d - c];
+        }
+        return;
     }
     // B' S B is B S B' for the transpose: gather the columns of B into
     // contiguous rows once, then proceed as MatBSBt with scalar
