@@ -24,6 +24,8 @@
 // (the stationary variance solves an m^2 x m^2 system, so the work grows as
 // m^6). Dimensions with no elements are unbounded: 0 x 2^31-1 is cheap and
 // must be handled as such.
+#include <dlfcn.h>
+
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -342,6 +344,21 @@ void builder_arguments(Decoder &d, Call &c, const std::string &name) {
 
 void discard_message(const char *) {}
 
+// The library's message switch; it must stay 0 (see the top of this file).
+const int *g_no_messages = nullptr;
+
+// A value handed back by a call must be one the host can hold and free.
+void check_value(const Value &v, const char *what) {
+    const int type = v.type();
+    bool ok = type == ZU_NONE || type == ZU_INT || type == ZU_DOUBLE || type == ZU_MATRIX;
+    if (ok && type == ZU_MATRIX)
+        ok = v.rows() >= 0 && v.cols() >= 0 && (v.data() != nullptr || (v.rows() == 0 && v.cols() == 0));
+    if (!ok) {
+        std::fprintf(stderr, "fuzz: malformed %s (type %d)\n", what, type);
+        std::abort();
+    }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
@@ -352,6 +369,12 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***) {
         std::abort();
     }
     zu::set_message_sink(discard_message);
+    void *lib = dlopen(zu::library_path().c_str(), RTLD_NOW | RTLD_NOLOAD);
+    g_no_messages = lib ? static_cast<const int *>(dlsym(lib, "fLgmNoErrorMessage")) : nullptr;
+    if (!g_no_messages) {
+        std::fprintf(stderr, "fuzz: fLgmNoErrorMessage not found\n");
+        std::abort();
+    }
     return 0;
 }
 
@@ -380,8 +403,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         zu::set_seed(12345);
         try {
             Value r = zu::call(name, c.args);
+            check_value(r, "return value");
+            for (const Value &v : c.vars) check_value(v, "reference target");
         } catch (const zu::Error &) {
             // a host error is a proper end of a call
+        }
+        if (*g_no_messages != 0) {
+            std::fprintf(stderr, "fuzz: messages were silenced by %s\n", name.c_str());
+            std::abort();
         }
     }
     const long live_after = zu::live_allocations().total();
