@@ -556,27 +556,48 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
         // K = M Finv: M' is read from the bottom-left block of Pbar, K is
         // written into the top-right block, row by row as combinations of
         // the rows of Finv.
-        for (int r = 0; r < m; ++r) {
-            double *Kr = W1[r] + m;
-            for (int i = 0; i < N; ++i) Kr[i] = 0.0;
-            for (int k = 0; k < N; ++k) {
-                const double mk = W1[m + k][r];
-                const double *fk = F[k];
-                for (int i = 0; i < N; ++i) Kr[i] += mk * fk[i];
+        const bool blocked = N <= StepFrame::kMaxOrder && m <= StepFrame::kMaxOrder;
+        double *Mrows[StepFrame::kMaxOrder];
+        if (blocked)
+            for (int k = 0; k < N; ++k) Mrows[k] = W1[m + k];
+        if (blocked) {
+            double coef[StepFrame::kMaxOrder];
+            for (int r = 0; r < m; ++r) {
+                for (int k = 0; k < N; ++k) coef[k] = W1[m + k][r];
+                step_combine_rows(W1[r] + m, coef, F, N, 0, N);
+            }
+        } else {
+            for (int r = 0; r < m; ++r) {
+                double *Kr = W1[r] + m;
+                for (int i = 0; i < N; ++i) Kr[i] = 0.0;
+                for (int k = 0; k < N; ++k) {
+                    const double mk = W1[m + k][r];
+                    const double *fk = F[k];
+                    for (int i = 0; i < N; ++i) Kr[i] += mk * fk[i];
+                }
             }
         }
 
         multi_update_mean(N, m, t, W1, F, v, p, a, logdet, store, logdet_sum, sumsq);
 
         // P(t+1) = Pbar - K M': row r of the upper triangle less the rows of
-        // M' (bottom-left block) weighted by row r of K; then mirrored.
-        for (int r = 0; r < m; ++r) {
-            double *Pr = W1[r];
-            const double *Kr = W1[r] + m;
-            for (int k = 0; k < N; ++k) {
-                const double kk = Kr[k];
-                const double *Mk = W1[m + k];
-                for (int c = r; c < m; ++c) Pr[c] -= kk * Mk[c];
+        // M' (bottom-left block) combined by row r of K; then mirrored.
+        if (blocked) {
+            double km[StepFrame::kMaxOrder];
+            for (int r = 0; r < m; ++r) {
+                double *Pr = W1[r];
+                step_combine_rows(km, W1[r] + m, Mrows, N, r, m - r);
+                for (int c = r; c < m; ++c) Pr[c] -= km[c - r];
+            }
+        } else {
+            for (int r = 0; r < m; ++r) {
+                double *Pr = W1[r];
+                const double *Kr = W1[r] + m;
+                for (int k = 0; k < N; ++k) {
+                    const double kk = Kr[k];
+                    const double *Mk = W1[m + k];
+                    for (int c = r; c < m; ++c) Pr[c] -= kk * Mk[c];
+                }
             }
         }
         for (int r = 0; r < m; ++r)
