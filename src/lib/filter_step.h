@@ -338,6 +338,149 @@ inline int step_initialise(int m, int mN, double **init, double kappa, double **
     return d;
 }
 
+// ------------------------------------------------------ the update of a step
+// Shared by the filters and the prediction pass, which run the same step.
+
+// Innovations v = y(t) - p of a multivariate step (p the prediction of the
+// observations, from element m). A missing element gets NaN, and a zero row
+// and column with a unit diagonal in Pbar, so that inverting F leaves the
+// observed part untouched. Returns the number of missing elements.
+inline int step_multi_innovations(int N, int m, int t, double **y, const double *p, double **W1,
+                                  double *v) {
+    const int mN = m + N;
+    int missing = 0;
+    for (int i = 0; i < N; ++i) {
+        const double yi = y[i][t];
+        if (FIsNaN(yi)) {
+            const int r = m + i;
+            for (int k = 0; k < mN; ++k) W1[r][k] = W1[k][r] = 0.0;
+            W1[r][r] = 1.0;
+            SetNaN(&v[i]);
+            ++missing;
+        } else {
+            v[i] = yi - p[m + i];
+        }
+    }
+    return missing;
+}
+
+// Store column of a time point with every element missing: NaN
+// innovations, zero gains and inverse variances.
+inline void step_multi_store_missing(int N, int m, int t, double **store) {
+    for (int i = 0; i < N; ++i) SetNaN(&store[i][t]);
+    for (int r = N; r < N + N * (N + 1) / 2 + m * N; ++r) store[r][t] = 0.0;
+}
+
+// Once F holds F^-1: a missing element gets a zero inverse variance and a
+// zero innovation.
+inline void step_multi_clear_missing(int N, double **F, double *v) {
+    for (int i = 0; i < N; ++i)
+        if (FIsNaN(v[i])) {
+            F[i][i] = 0.0;
+            v[i] = 0.0;
+        }
+}
+
+// K = M F^-1: M' is read from the bottom-left block of Pbar, K is written
+// into the top-right block, row by row as combinations of the rows of F^-1.
+inline void step_multi_gain(int N, int m, double **W1, double **F) {
+    if (N <= StepFrame::kMaxOrder) {
+        double coef[StepFrame::kMaxOrder];
+        for (int r = 0; r < m; ++r) {
+            for (int k = 0; k < N; ++k) coef[k] = W1[m + k][r];
+            step_combine_rows(W1[r] + m, coef, F, N, 0, N);
+        }
+        return;
+    }
+    for (int r = 0; r < m; ++r) {
+        double *Kr = W1[r] + m;
+        for (int i = 0; i < N; ++i) Kr[i] = 0.0;
+        for (int k = 0; k < N; ++k) {
+            const double mk = W1[m + k][r];
+            const double *fk = F[k];
+            for (int i = 0; i < N; ++i) Kr[i] += mk * fk[i];
+        }
+    }
+}
+
+// Store column t: the innovations, then for each series its gain column and
+// rows 0..i of column i of F^-1.
+inline void step_multi_store(int N, int m, int t, double **W1, double **F, const double *v,
+                             double **store) {
+    for (int i = 0; i < N; ++i) store[i][t] = v[i];
+    int row = N;
+    for (int i = 0; i < N; ++i) {
+        for (int r = 0; r < m; ++r) store[row++][t] = W1[r][m + i];
+        for (int k = 0; k <= i; ++k) store[row++][t] = F[k][i];
+    }
+}
+
+// a(t+1) = p + K v.
+inline void step_multi_state(int N, int m, double **W1, const double *v, const double *p,
+                             double *a) {
+    for (int r = 0; r < m; ++r) {
+        const double *Kr = W1[r] + m;
+        double acc = p[r];
+        for (int k = 0; k < N; ++k) acc += Kr[k] * v[k];
+        a[r] = acc;
+    }
+}
+
+// P(t+1) = Pbar - K M': row r of the upper triangle less the rows of M'
+// (bottom-left block) combined by row r of K; then mirrored.
+inline void step_multi_variance(int N, int m, double **W1) {
+    if (N <= StepFrame::kMaxOrder && m <= StepFrame::kMaxOrder) {
+        double *Mrows[StepFrame::kMaxOrder];
+        for (int k = 0; k < N; ++k) Mrows[k] = W1[m + k];
+        double km[StepFrame::kMaxOrder];
+        for (int r = 0; r < m; ++r) {
+            double *Pr = W1[r];
+            step_combine_rows(km, W1[r] + m, Mrows, N, r, m - r);
+            for (int c = r; c < m; ++c) Pr[c] -= km[c - r];
+        }
+    } else {
+        for (int r = 0; r < m; ++r) {
+            double *Pr = W1[r];
+            const double *Kr = W1[r] + m;
+            for (int k = 0; k < N; ++k) {
+                const double kk = Kr[k];
+                const double *Mk = W1[m + k];
+                for (int c = r; c < m; ++c) Pr[c] -= kk * Mk[c];
+            }
+        }
+    }
+    for (int r = 0; r < m; ++r)
+        for (int c = r + 1; c < m; ++c) W1[c][r] = W1[r][c];
+}
+
+// Single series, store column of a missing time point: NaN innovation,
+// zero gain and inverse variance.
+inline void step_univ_store_missing(int m, int t, double **store) {
+    SetNaN(&store[0][t]);
+    for (int r = 1; r <= m + 1; ++r) store[r][t] = 0.0;
+}
+
+// Single series, store column t: v, then the gain and 1/F (row m of W1).
+inline void step_univ_store(int m, int t, double v, const double *K, double **store) {
+    store[0][t] = v;
+    for (int r = 0; r <= m; ++r) store[r + 1][t] = K[r];
+}
+
+// Single series, once row m of W1 holds the gain and 1/F: a(t+1) = p + K v
+// and P(t+1) = Pbar - M K' (M the unscaled last column of Pbar), mirrored.
+inline void step_univ_update(int m, double **W1, const double *p, double v) {
+    const double *K = W1[m];
+    double *a = W1[m + 1];
+    for (int j = 0; j < m; ++j) a[j] = p[j] + K[j] * v;
+    for (int j = 0; j < m; ++j) {
+        const double Mj = W1[j][m];
+        double *Pj = W1[j];
+        for (int k = j; k < m; ++k) Pj[k] -= Mj * K[k];
+    }
+    for (int j = 0; j < m; ++j)
+        for (int k = j + 1; k < m; ++k) W1[k][j] = W1[j][k];
+}
+
 // Internal forms of the two filters with the steady-state shortcut
 // switchable (the exported routines allow it) and, when steady_steps is not
 // null, the number of steps it took added there; tests compare both

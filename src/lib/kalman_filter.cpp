@@ -167,20 +167,8 @@ inline void multi_update_mean(int N, int m, int t, double **W1, double **F, cons
         }
         sumsq += q;
     }
-    if (store) {
-        for (int i = 0; i < N; ++i) store[i][t] = v[i];
-        int row = N;
-        for (int i = 0; i < N; ++i) {
-            for (int r = 0; r < m; ++r) store[row++][t] = W1[r][m + i];
-            for (int k = 0; k <= i; ++k) store[row++][t] = F[k][i];
-        }
-    }
-    for (int r = 0; r < m; ++r) {
-        const double *Kr = W1[r] + m;
-        double acc = p[r];
-        for (int k = 0; k < N; ++k) acc += Kr[k] * v[k];
-        a[r] = acc;
-    }
+    if (store) step_multi_store(N, m, t, W1, F, v, store);
+    step_multi_state(N, m, W1, v, p, a);
 }
 
 // A product of positive numbers kept as mantissa x 2^exponent, so that the
@@ -319,10 +307,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
                     finv_product.mul(Finv);
                     sumsq += v * v * Finv;
                 }
-                if (store) {
-                    store[0][s] = v;
-                    for (int r = 0; r <= m; ++r) store[r + 1][s] = Kb[r];
-                }
+                if (store) step_univ_store(m, s, v, Kb, store);
                 for (int j = 0; j < m; ++j) al[j] = p[j] + Kb[j] * v;
             }
             for (int j = 0; j < m; ++j) a[j] = al[j];
@@ -352,10 +337,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
                     for (int j = 0; j < M; ++j) Pl[i][j] = Pb[i][j];
             for (int k = 0; k < m; ++k) a[k] = p[k];
             SetNaN(&a[m]);
-            if (store) {
-                SetNaN(&store[0][t]);
-                for (int r = 1; r <= mN; ++r) store[r][t] = 0.0;
-            }
+            if (store) step_univ_store_missing(m, t, store);
             continue;
         }
 
@@ -379,14 +361,12 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             sumsq += v * v * Finv;
         }
 
-        if (store) {
-            store[0][t] = v;
-            for (int r = 0; r <= m; ++r) store[r + 1][t] = K[r];
-        }
+        if (store) step_univ_store(m, t, v, K, store);
 
-        for (int j = 0; j < m; ++j) a[j] = p[j] + K[j] * v;
-        // P(t+1) = Pbar - M K', with M the unscaled last column of Pbar.
+        // a(t+1) = p + K v; P(t+1) = Pbar - M K', with M the unscaled last
+        // column of Pbar.
         if constexpr (M > 0) {
+            for (int j = 0; j < M; ++j) a[j] = p[j] + K[j] * v;
             for (int j = 0; j < M; ++j)
                 for (int k = j; k < M; ++k) {
                     const double x = Pb[j][k] - Pb[j][M] * Kl[k];
@@ -394,13 +374,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
                     W1[j][k] = W1[k][j] = x;
                 }
         } else {
-            for (int j = 0; j < m; ++j) {
-                const double Mj = W1[j][m];
-                double *Pj = W1[j];
-                for (int k = j; k < m; ++k) Pj[k] -= Mj * K[k];
-            }
-            for (int j = 0; j < m; ++j)
-                for (int k = j + 1; k < m; ++k) W1[k][j] = W1[j][k];
+            step_univ_update(m, W1, p, v);
         }
 
         if (steady_state.usable()) steady = steady_state.after(W1, 0.0);
@@ -517,26 +491,11 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
         }
         step_prior(frame, m, mN, sys, var, mean, W1, W2, false);
 
-        // Innovations; a missing element gets a unit row and column in F so
-        // that the inversion leaves the observed part untouched.
-        for (int i = 0; i < N; ++i) {
-            const double yi = y[i][t];
-            if (FIsNaN(yi)) {
-                const int r = m + i;
-                for (int k = 0; k < mN; ++k) W1[r][k] = W1[k][r] = 0.0;
-                W1[r][r] = 1.0;
-                SetNaN(&v[i]);
-            } else {
-                ++count;
-                v[i] = yi - p[m + i];
-            }
-        }
+        step_multi_innovations(N, m, t, y, p, W1, v);
+        count += N - missing;
 
         if (missing == N) {
-            if (store) {
-                for (int i = 0; i < N; ++i) SetNaN(&store[i][t]);
-                for (int r = N; r < N + N * (N + 1) / 2 + m * N; ++r) store[r][t] = 0.0;
-            }
+            if (store) step_multi_store_missing(N, m, t, store);
             for (int k = 0; k < m; ++k) a[k] = p[k];
             continue;  // P(t+1) is already the top-left block of Pbar
         }
@@ -545,63 +504,11 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
         int sign = 0;
         IInvDet(F, N, &logdet, &sign);
         if (sign == 0) return finish(0);  // F view freed by its guard
+        if (missing) step_multi_clear_missing(N, F, v);
 
-        if (missing)
-            for (int i = 0; i < N; ++i)
-                if (FIsNaN(v[i])) {
-                    F[i][i] = 0.0;
-                    v[i] = 0.0;
-                }
-
-        // K = M Finv: M' is read from the bottom-left block of Pbar, K is
-        // written into the top-right block, row by row as combinations of
-        // the rows of Finv.
-        const bool blocked = N <= StepFrame::kMaxOrder && m <= StepFrame::kMaxOrder;
-        double *Mrows[StepFrame::kMaxOrder];
-        if (blocked)
-            for (int k = 0; k < N; ++k) Mrows[k] = W1[m + k];
-        if (blocked) {
-            double coef[StepFrame::kMaxOrder];
-            for (int r = 0; r < m; ++r) {
-                for (int k = 0; k < N; ++k) coef[k] = W1[m + k][r];
-                step_combine_rows(W1[r] + m, coef, F, N, 0, N);
-            }
-        } else {
-            for (int r = 0; r < m; ++r) {
-                double *Kr = W1[r] + m;
-                for (int i = 0; i < N; ++i) Kr[i] = 0.0;
-                for (int k = 0; k < N; ++k) {
-                    const double mk = W1[m + k][r];
-                    const double *fk = F[k];
-                    for (int i = 0; i < N; ++i) Kr[i] += mk * fk[i];
-                }
-            }
-        }
-
+        step_multi_gain(N, m, W1, F);
         multi_update_mean(N, m, t, W1, F, v, p, a, logdet, store, logdet_sum, sumsq);
-
-        // P(t+1) = Pbar - K M': row r of the upper triangle less the rows of
-        // M' (bottom-left block) combined by row r of K; then mirrored.
-        if (blocked) {
-            double km[StepFrame::kMaxOrder];
-            for (int r = 0; r < m; ++r) {
-                double *Pr = W1[r];
-                step_combine_rows(km, W1[r] + m, Mrows, N, r, m - r);
-                for (int c = r; c < m; ++c) Pr[c] -= km[c - r];
-            }
-        } else {
-            for (int r = 0; r < m; ++r) {
-                double *Pr = W1[r];
-                const double *Kr = W1[r] + m;
-                for (int k = 0; k < N; ++k) {
-                    const double kk = Kr[k];
-                    const double *Mk = W1[m + k];
-                    for (int c = r; c < m; ++c) Pr[c] -= kk * Mk[c];
-                }
-            }
-        }
-        for (int r = 0; r < m; ++r)
-            for (int c = r + 1; c < m; ++c) W1[c][r] = W1[r][c];
+        step_multi_variance(N, m, W1);
 
         if (steady_state.usable() && !missing) steady = steady_state.after(W1, logdet);
     }
