@@ -194,7 +194,8 @@ void BM_FilterN5m10(benchmark::State &s) {
     run_internal(s, multivariate(static_cast<int>(s.range(0))), s.range(1), s.range(2));
 }
 BENCHMARK(BM_FilterLocalLevel)
-    ->Args({100000, 0, 0})->Args({100000, 0, 1})->Args({100000, 1, 1})->Unit(benchmark::kMillisecond);
+    ->Args({100000, 0, 0})->Args({100000, 0, 1})->Args({100000, 1, 1})
+    ->Args({1000, 1, 1})->Args({10000000, 1, 1})->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FilterStructural)->Args({10000, 1, 1})->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FilterN5m10)
     ->Args({10000, 0, 0})->Args({10000, 0, 1})->Args({10000, 1, 1})->Unit(benchmark::kMillisecond);
