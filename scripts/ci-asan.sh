@@ -24,8 +24,9 @@ export TESSEL_LIBRARY="$BUILD/lib/libtessel.so"
 export ASAN_SYMBOLIZER_PATH=${ASAN_SYMBOLIZER_PATH:-$(command -v llvm-symbolizer || true)}
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 
-echo "ci-asan: C++ suite"
+echo "ci-asan: C++ suite (LeakSanitizer on; allocation-sweep table in $BUILD/allocation-sweep.txt)"
 ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1 \
+  TESSEL_SWEEP_TABLE="$BUILD/allocation-sweep.txt" \
   "$BUILD/bin/tessel_tests" --gtest_brief=1
 
 echo "ci-asan: Python suite"

@@ -15,6 +15,7 @@
 
 #include <cctype>
 #include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <functional>
 #include <map>
@@ -468,20 +469,34 @@ class SweepTable : public ::testing::Environment {
 public:
     void TearDown() override {
         if (table().empty()) return;
-        std::printf("\nAllocation-failure sweep (sites = allocations failed one at a time; "
-                    "reports: host error 4 / own text / numeric-failure report)\n");
-        std::printf("%-14s %-28s %6s %8s %5s %5s  %s\n", "entry point", "variant", "sites", "error 4",
-                    "text", "num", "clean");
+        std::string text;
+        char line[256];
+        text += "Allocation-failure sweep (sites = allocations failed one at a time; "
+                "reports: host error 4 / own text / numeric-failure report)\n";
+        std::snprintf(line, sizeof line, "%-14s %-34s %6s %8s %5s %5s  %s\n", "entry point", "variant",
+                      "sites", "error 4", "text", "num", "clean");
+        text += line;
         long total_sites = 0;
         for (const auto &entry : table())
             for (const auto &variant : entry.second) {
                 const Row &r = variant.second;
                 total_sites += r.sites;
-                std::printf("%-14s %-28s %6ld %8ld %5ld %5ld  %s\n", entry.first.c_str(),
-                            variant.first.c_str(), r.sites, r.error4, r.own_text, r.numeric,
-                            r.clean ? "yes" : "NO");
+                std::snprintf(line, sizeof line, "%-14s %-34s %6ld %8ld %5ld %5ld  %s\n",
+                              entry.first.c_str(), variant.first.c_str(), r.sites, r.error4, r.own_text,
+                              r.numeric, r.clean ? "yes" : "NO");
+                text += line;
             }
-        std::printf("%zu entry points, %ld failed allocations checked\n\n", table().size(), total_sites);
+        std::snprintf(line, sizeof line, "%zu entry points, %ld failed allocations checked\n",
+                      table().size(), total_sites);
+        text += line;
+        std::printf("\n%s\n", text.c_str());
+        // Kept for the CI log when asked for.
+        if (const char *path = std::getenv("TESSEL_SWEEP_TABLE")) {
+            if (std::FILE *f = std::fopen(path, "w")) {
+                std::fputs(text.c_str(), f);
+                std::fclose(f);
+            }
+        }
     }
 };
 ::testing::Environment *const sweep_table_env = ::testing::AddGlobalTestEnvironment(new SweepTable);
