@@ -21,7 +21,8 @@
 // With SysMat and VarMat fixed over time, a step with every element observed
 // is a fixed function of P(t) that yields Pbar, the gain, F^-1 and P(t+1).
 // Once such steps have returned to an earlier input bit for bit (P(t+1) =
-// P(t), or, as rounding often settles, P(t+1) = P(t-1)), every following
+// P(t), or, as rounding often settles, P(t+1) = P(t-q+1) for a short cycle
+// of q <= 4 steps), every following
 // step with every element observed would repeat the same cycle exactly; those
 // steps run only the mean recursion with the saved quantities, and the
 // results are the same bit for bit as the full recursion's. A step with a
@@ -43,7 +44,7 @@ namespace {
 // term.
 class SteadyState {
 public:
-    enum { kMaxOrder = 24 };
+    enum { kMaxOrder = 16, kMaxPeriod = 4 };
 
     SteadyState(bool allowed, int m, int mN)
         : usable_(allowed && mN <= kMaxOrder), m_(m), mN_(mN) {}
@@ -64,15 +65,16 @@ public:
             return;
         }
         if (tracked_ > kPatience) return;
-        cur_ ^= 1;
+        cur_ = (cur_ + 1) % kMaxPeriod;
         double *pin = e_[cur_].pin;
         for (int r = 0; r < m_; ++r)
             for (int c = 0; c < m_; ++c) pin[r * m_ + c] = W1[r][c];
     }
 
     // After that step: keep what it left; true when the recursion has
-    // returned to the input of this step (period 1) or of the one before
-    // (period 2). replay() then gives the following steps.
+    // returned to the input of this step (period 1) or of one of the last
+    // few before it (period q: P(t+1) = P(t-q+1)). block() then gives the
+    // following steps.
     bool after(double **W1, double logv) {
         if (!tracking_) {
             // Track in full once the diagonal has settled to 1e-12.
@@ -93,14 +95,11 @@ public:
             for (int c = 0; c < mN_; ++c) e.blk[r * mN_ + c] = W1[r][c];
         e.logv = logv;
         ++run_;
-        if (same(W1, e.pin)) {
-            period_ = 1;
-            return true;
-        }
-        if (run_ >= 2 && same(W1, e_[cur_ ^ 1].pin)) {
-            period_ = 2;
-            return true;
-        }
+        for (int q = 1; q <= kMaxPeriod && q <= run_; ++q)
+            if (same(W1, e_[(cur_ - q + 1 + kMaxPeriod) % kMaxPeriod].pin)) {
+                period_ = q;
+                return true;
+            }
         return false;
     }
 
@@ -136,6 +135,11 @@ private:
             }
         return true;
     }
+    // With P(t+1) = P(t-q+1), step k of the run repeats step t-q+1+(k mod q),
+    // whose entry lies q-1-(k mod q) places before the last one.
+    int index(int k) const {
+        return (cur_ - (period_ - 1 - k % period_) + kMaxPeriod) % kMaxPeriod;
+    }
 
     enum { kPatience = 64 };  // full steps tracked before giving up
 
@@ -144,10 +148,7 @@ private:
     bool tracking_ = false;
     int tracked_ = 0;
     double diag_[kMaxOrder];
-    Entry e_[2];
-    // From P(t+1) = P(t-1) the next step repeats the one before the last.
-    int index(int k) const { return period_ == 1 || (k & 1) ? cur_ : cur_ ^ 1; }
-
+    Entry e_[kMaxPeriod];
     int cur_ = 0, run_ = 0, period_ = 0;
 };
 
