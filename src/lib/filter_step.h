@@ -214,7 +214,13 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
         const int e0 = f.start[i], e1 = f.start[i + 1];
         if (f.unit[i] >= 0) {
             const double *pk = W[f.unit[i]];
-            for (int c = 0; c < m; ++c) x[c] = pk[c];
+            int c = 0;
+            for (; c + 2 <= m; c += 2) {
+                step_v2 v;
+                __builtin_memcpy(&v, pk + c, 16);
+                __builtin_memcpy(x + c, &v, 16);
+            }
+            if (c < m) x[c] = pk[c];
             continue;
         }
         if (f.dense[i]) {
@@ -474,8 +480,17 @@ inline void step_univ_update(int m, double **W1, const double *p, double v) {
     for (int j = 0; j < m; ++j) a[j] = p[j] + K[j] * v;
     for (int j = 0; j < m; ++j) {
         const double Mj = W1[j][m];
+        const step_v2 mv = {Mj, Mj};
         double *Pj = W1[j];
-        for (int k = j; k < m; ++k) Pj[k] -= Mj * K[k];
+        int k = j;
+        for (; k + 2 <= m; k += 2) {
+            step_v2 pv, kv;
+            __builtin_memcpy(&pv, Pj + k, 16);
+            __builtin_memcpy(&kv, K + k, 16);
+            pv -= mv * kv;
+            __builtin_memcpy(Pj + k, &pv, 16);
+        }
+        if (k < m) Pj[k] -= Mj * K[k];
     }
     for (int j = 0; j < m; ++j)
         for (int k = j + 1; k < m; ++k) W1[k][j] = W1[j][k];
