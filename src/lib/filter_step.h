@@ -165,6 +165,66 @@ __attribute__((always_inline)) inline void step_combine_rows(double *x, const do
     }
 }
 
+// Two combinations of the same rows at once (x0 by coef0, x1 by coef1):
+// each load of a row serves both, in the same order of summation as
+// step_combine_rows.
+__attribute__((always_inline)) inline void step_combine_rows2(double *x0, double *x1,
+                                                              const double *coef0,
+                                                              const double *coef1,
+                                                              double *const *rows, int n,
+                                                              int off, int len) {
+    int c = 0;
+    for (; c + 8 <= len; c += 8) {
+        step_v2 a0 = {0.0, 0.0}, a1 = a0, a2 = a0, a3 = a0, b0 = a0, b1 = a0, b2 = a0, b3 = a0;
+        for (int k = 0; k < n; ++k) {
+            const double *r = rows[k] + off + c;
+            const step_v2 s = {coef0[k], coef0[k]}, t = {coef1[k], coef1[k]};
+            step_v2 v0, v1, v2, v3;
+            __builtin_memcpy(&v0, r, 16);
+            __builtin_memcpy(&v1, r + 2, 16);
+            __builtin_memcpy(&v2, r + 4, 16);
+            __builtin_memcpy(&v3, r + 6, 16);
+            a0 += s * v0;
+            a1 += s * v1;
+            a2 += s * v2;
+            a3 += s * v3;
+            b0 += t * v0;
+            b1 += t * v1;
+            b2 += t * v2;
+            b3 += t * v3;
+        }
+        __builtin_memcpy(x0 + c, &a0, 16);
+        __builtin_memcpy(x0 + c + 2, &a1, 16);
+        __builtin_memcpy(x0 + c + 4, &a2, 16);
+        __builtin_memcpy(x0 + c + 6, &a3, 16);
+        __builtin_memcpy(x1 + c, &b0, 16);
+        __builtin_memcpy(x1 + c + 2, &b1, 16);
+        __builtin_memcpy(x1 + c + 4, &b2, 16);
+        __builtin_memcpy(x1 + c + 6, &b3, 16);
+    }
+    for (; c + 2 <= len; c += 2) {
+        step_v2 a0 = {0.0, 0.0}, b0 = a0;
+        for (int k = 0; k < n; ++k) {
+            const step_v2 s = {coef0[k], coef0[k]}, t = {coef1[k], coef1[k]};
+            step_v2 v0;
+            __builtin_memcpy(&v0, rows[k] + off + c, 16);
+            a0 += s * v0;
+            b0 += t * v0;
+        }
+        __builtin_memcpy(x0 + c, &a0, 16);
+        __builtin_memcpy(x1 + c, &b0, 16);
+    }
+    for (; c < len; ++c) {
+        double a0 = 0.0, b0 = 0.0;
+        for (int k = 0; k < n; ++k) {
+            a0 += coef0[k] * rows[k][off + c];
+            b0 += coef1[k] * rows[k][off + c];
+        }
+        x0[c] = a0;
+        x1[c] = b0;
+    }
+}
+
 // R = SysMat P SysMat' (+ VarMat when var is given), with P the top-left
 // m x m block of W (symmetric, both triangles held). R may be W itself: P is
 // read in full before R is written. The upper triangle is computed and the
@@ -185,12 +245,14 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
             const double *s = sys[j];
             for (int l = 0; l < m; ++l) St[l * mN + j] = s[l];
         }
-        for (int i = 0; i < mN; ++i) step_combine_rows(X + i * m, sys[i], W, m, 0, m);
-        double row[StepFrame::kMaxOrder];
-        for (int i = 0; i < mN; ++i) {
-            step_combine_rows(row, X + i * m, strows, m, i, mN - i);
+        int i = 0;
+        for (; i + 2 <= mN; i += 2)
+            step_combine_rows2(X + i * m, X + (i + 1) * m, sys[i], sys[i + 1], W, m, 0, m);
+        if (i < mN) step_combine_rows(X + i * m, sys[i], W, m, 0, m);
+        double row[StepFrame::kMaxOrder], row1[StepFrame::kMaxOrder];
+        auto put = [&](int i, const double *rw) {  // rw[j - i] for j >= i
             for (int j = i; j < mN; ++j) {
-                const double acc = row[j - i];
+                const double acc = rw[j - i];
                 if (var && f.var_all) {
                     R[i][j] = acc + var[i][j];
                     R[j][i] = acc + var[j][i];
@@ -199,6 +261,17 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
                     R[j][i] = acc;
                 }
             }
+        };
+        i = 0;
+        for (; i + 2 <= mN; i += 2) {
+            // Rows i and i+1 from column i (row i+1's first value unused).
+            step_combine_rows2(row, row1, X + i * m, X + (i + 1) * m, strows, m, i, mN - i);
+            put(i, row);
+            put(i + 1, row1 + 1);
+        }
+        if (i < mN) {
+            step_combine_rows(row, X + i * m, strows, m, i, mN - i);
+            put(i, row);
         }
         if (var && !f.var_all)
             for (int e = 0; e < f.nvar; ++e) {
