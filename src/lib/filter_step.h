@@ -33,6 +33,7 @@ struct StepFrame {
     int nvar = 0;
     int var_at[kMaxEntries];
     bool rowwise = false;   // most rows full: register-blocked dense products
+    bool st_fixed = false;  // St built once (SysMat fixed over time)
     double X[kMaxScratch];  // SysMat P, row by row
     double St[kMaxScratch]; // SysMat', m x mN, for the dense products
 };
@@ -80,6 +81,11 @@ inline bool build_pattern(StepFrame &f, double **sys, int **sysidx, int mN, int 
     int full = 0;
     for (int i = 0; i < mN; ++i) full += f.dense[i] ? 1 : 0;
     f.rowwise = 2 * full > mN;
+    // A SysMat fixed over time is transposed once here.
+    f.st_fixed = f.rowwise && !sysidx;
+    if (f.st_fixed)
+        for (int j = 0; j < mN; ++j)
+            for (int l = 0; l < m; ++l) f.St[l * mN + j] = sys[j][l];
     f.rows = mN;
     f.cols = m;
     f.ok = true;
@@ -241,10 +247,14 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
         double *St = f.St;
         double *strows[StepFrame::kMaxOrder];
         for (int l = 0; l < m; ++l) strows[l] = St + l * mN;
-        for (int j = 0; j < mN; ++j) {
-            const double *s = sys[j];
-            for (int l = 0; l < m; ++l) St[l * mN + j] = s[l];
+        if (!f.st_fixed) {
+            // Time-varying SysMat: transposed afresh at every step.
+            for (int j = 0; j < mN; ++j) {
+                const double *s = sys[j];
+                for (int l = 0; l < m; ++l) St[l * mN + j] = s[l];
+            }
         }
+        const bool add_var = var && f.var_all;
         int i = 0;
         for (; i + 2 <= mN; i += 2)
             step_combine_rows2(X + i * m, X + (i + 1) * m, sys[i], sys[i + 1], W, m, 0, m);
@@ -253,7 +263,7 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
         auto put = [&](int i, const double *rw) {  // rw[j - i] for j >= i
             for (int j = i; j < mN; ++j) {
                 const double acc = rw[j - i];
-                if (var && f.var_all) {
+                if (add_var) {
                     R[i][j] = acc + var[i][j];
                     R[j][i] = acc + var[j][i];
                 } else {
