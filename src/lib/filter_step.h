@@ -474,8 +474,16 @@ inline void step_multi_clear_missing(int N, double **F, double *v) {
 // into the top-right block, row by row as combinations of the rows of F^-1.
 inline void step_multi_gain(int N, int m, double **W1, double **F) {
     if (N <= StepFrame::kMaxOrder) {
-        double coef[StepFrame::kMaxOrder];
-        for (int r = 0; r < m; ++r) {
+        double coef[StepFrame::kMaxOrder], coef1[StepFrame::kMaxOrder];
+        int r = 0;
+        for (; r + 2 <= m; r += 2) {
+            for (int k = 0; k < N; ++k) {
+                coef[k] = W1[m + k][r];
+                coef1[k] = W1[m + k][r + 1];
+            }
+            step_combine_rows2(W1[r] + m, W1[r + 1] + m, coef, coef1, F, N, 0, N);
+        }
+        if (r < m) {
             for (int k = 0; k < N; ++k) coef[k] = W1[m + k][r];
             step_combine_rows(W1[r] + m, coef, F, N, 0, N);
         }
@@ -521,8 +529,16 @@ inline void step_multi_variance(int N, int m, double **W1) {
     if (N <= StepFrame::kMaxOrder && m <= StepFrame::kMaxOrder) {
         double *Mrows[StepFrame::kMaxOrder];
         for (int k = 0; k < N; ++k) Mrows[k] = W1[m + k];
-        double km[StepFrame::kMaxOrder];
-        for (int r = 0; r < m; ++r) {
+        double km[StepFrame::kMaxOrder], km1[StepFrame::kMaxOrder];
+        int r = 0;
+        for (; r + 2 <= m; r += 2) {
+            // Rows r and r+1 from column r (row r+1's first value unused).
+            step_combine_rows2(km, km1, W1[r] + m, W1[r + 1] + m, Mrows, N, r, m - r);
+            double *Pr = W1[r], *Pr1 = W1[r + 1];
+            for (int c = r; c < m; ++c) Pr[c] -= km[c - r];
+            for (int c = r + 1; c < m; ++c) Pr1[c] -= km1[c - r];
+        }
+        if (r < m) {
             double *Pr = W1[r];
             step_combine_rows(km, W1[r] + m, Mrows, N, r, m - r);
             for (int c = r; c < m; ++c) Pr[c] -= km[c - r];
