@@ -135,8 +135,9 @@ std::vector<double> data(int N, int n, int gap, unsigned seed) {
     }
     for (int t = gap / 2; gap > 0 && t < n; t += gap) y[t] = kNaN;
     if (N > 1) {
-        y[std::size_t(1) * n + 700] = kNaN;
-        for (int i = 0; i < N; ++i) y[std::size_t(i) * n + 1500] = kNaN;
+        const int partly = n / 4, wholly = n / 2;
+        y[std::size_t(1) * n + partly] = kNaN;
+        for (int i = 0; i < N; ++i) y[std::size_t(i) * n + wholly] = kNaN;
     }
     return y;
 }
