@@ -74,8 +74,11 @@ inline bool build_pattern(StepFrame &f, double **sys, int **sysidx, int mN, int 
         f.dense[i] = (e - f.start[i]) == m;
         // A row that copies one state (shift rows of lags and seasonals):
         // multiplying by 1 is exact, so copying gives the same numbers.
-        const int k = f.col[f.start[i]];
-        f.unit[i] = (e - f.start[i]) == 1 && sys[i][k] == 1.0 && !(sysidx && sysidx[i][k] >= 0) ? k : -1;
+        f.unit[i] = -1;
+        if (e - f.start[i] == 1) {
+            const int k = f.col[f.start[i]];
+            if (sys[i][k] == 1.0 && !(sysidx && sysidx[i][k] >= 0)) f.unit[i] = k;
+        }
     }
     f.start[mN] = e;
     int full = 0;
