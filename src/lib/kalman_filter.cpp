@@ -22,11 +22,10 @@
 // is a fixed function of P(t) that yields Pbar, the gain, F^-1 and P(t+1).
 // Once such steps have returned to an earlier input bit for bit (P(t+1) =
 // P(t), or, as rounding often settles, P(t+1) = P(t-q+1) for a short cycle
-// of q <= 4 steps), every following
-// step with every element observed would repeat the same cycle exactly; those
-// steps run only the mean recursion with the saved quantities, and the
-// results are the same bit for bit as the full recursion's. A step with a
-// missing element leaves the steady state.
+// of q <= 4 steps), every following step with every element observed would
+// repeat the same cycle exactly; those steps run only the mean recursion
+// with the saved quantities, and the results are the same bit for bit as the
+// full recursion's. A step with a missing element leaves the steady state.
 #include <cmath>
 #include <cstdint>
 #include <cstring>
