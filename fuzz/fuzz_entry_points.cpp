@@ -22,8 +22,10 @@
 // elements (the work of every recursion grows with the model and the series
 // it is given), and the ARMA coefficient vectors hold at most 12 elements
 // (the stationary variance solves an m^2 x m^2 system, so the work grows as
-// m^6). Dimensions with no elements are unbounded: 0 x 2^31-1 is cheap and
-// must be handled as such.
+// m^6); structural-model periods between 257 and 400000 are folded below 256
+// (such a model's three result matrices fill gigabytes; larger periods are
+// kept, since the host refuses their results outright). Dimensions with no
+// elements are unbounded: 0 x 2^31-1 is cheap and must be handled as such.
 #include <dlfcn.h>
 
 #include <climits>
@@ -316,7 +318,16 @@ void builder_arguments(Decoder &d, Call &c, const std::string &name) {
         const int cols = d.u8() % 7;
         Value t = Value::matrix(rows, cols);
         for (int i = 0; i < rows; ++i)
-            for (int j = 0; j < cols; ++j) t.at(i, j) = j == 0 ? static_cast<double>(d.u8() % 22) - 1 : d.real();
+            for (int j = 0; j < cols; ++j) {
+                double x = j == 0 ? static_cast<double>(d.u8() % 22) - 1 : d.real();
+                // Column 2 holds seasonal periods and trend orders: the
+                // state count follows it, and the three results hold
+                // (m+1)^2 doubles each. Counts the host grants but that
+                // would fill gigabytes are folded back (see the cost
+                // bounds); counts it refuses (beyond 1 TiB) are kept.
+                if (j == 2 && x > 256.0 && x < 400000.0) x = std::fmod(x, 256.0);
+                t.at(i, j) = x;
+            }
         c.args.push_back(std::move(t));
         const int refs = 3 + d.u8() % 2;
         for (int k = 0; k < refs; ++k) c.ref(Value());
