@@ -304,11 +304,7 @@ void builder_arguments(Decoder &d, Call &c, const std::string &name) {
             } else if (how < 200) {
                 c.args.push_back(d.matrix(len, 1));
             } else {
-                Value v = d.plain();
-                // a longer vector would only be slow (see the cost bound)
-                if (v.type() == ZU_MATRIX && (v.rows() == 1 || v.cols() == 1) && v.rows() * static_cast<long>(v.cols()) > 12)
-                    v = d.matrix(v.rows() == 1 ? 1 : 12, v.rows() == 1 ? 12 : 1);
-                c.args.push_back(std::move(v));
+                c.args.push_back(d.plain());
             }
         }
         c.args.push_back(d.u8() < 230 ? Value::real(d.real()) : d.plain());
@@ -318,16 +314,7 @@ void builder_arguments(Decoder &d, Call &c, const std::string &name) {
         const int cols = d.u8() % 7;
         Value t = Value::matrix(rows, cols);
         for (int i = 0; i < rows; ++i)
-            for (int j = 0; j < cols; ++j) {
-                double x = j == 0 ? static_cast<double>(d.u8() % 22) - 1 : d.real();
-                // Column 2 holds seasonal periods and trend orders: the
-                // state count follows it, and the three results hold
-                // (m+1)^2 doubles each. Counts the host grants but that
-                // would fill gigabytes are folded back (see the cost
-                // bounds); counts it refuses (beyond 1 TiB) are kept.
-                if (j == 2 && x > 256.0 && x < 400000.0) x = std::fmod(x, 256.0);
-                t.at(i, j) = x;
-            }
+            for (int j = 0; j < cols; ++j) t.at(i, j) = j == 0 ? static_cast<double>(d.u8() % 22) - 1 : d.real();
         c.args.push_back(std::move(t));
         const int refs = 3 + d.u8() % 2;
         for (int k = 0; k < refs; ++k) c.ref(Value());
@@ -350,6 +337,39 @@ void builder_arguments(Decoder &d, Call &c, const std::string &name) {
         c.args.push_back(d.u8() < 230 ? Value::real(d.real()) : d.plain());
         c.args.push_back(d.u8() < 200 ? d.matrix(1, d.u8() % 16) : d.plain());
         for (int k = 2; k < nargs; ++k) c.ref(d.u8() < 240 ? Value() : d.plain());
+    }
+}
+
+// The cost bounds of the top of this file, applied to the decoded
+// arguments whatever form produced them. Only sizes that the host would
+// grant but that would take seconds or gigabytes are folded; sizes the host
+// refuses outright (beyond 1 TiB) are kept, since their refusal is part of
+// what is tested.
+void bound_costs(const std::string &name, std::vector<Value> &args) {
+    if (args.empty() || args[0].type() != ZU_MATRIX) return;
+    if (name == "GetLgmArma") {
+        // ARMA coefficient vectors: at most 12 (the work grows as m^6).
+        for (int k = 0; k < 2 && k < static_cast<int>(args.size()); ++k) {
+            Value &v = args[k];
+            if (v.type() != ZU_MATRIX || (v.rows() != 1 && v.cols() != 1)) continue;
+            if (static_cast<long>(v.rows()) * v.cols() <= 12) continue;
+            Value shorter = Value::matrix(v.rows() == 1 ? 1 : 12, v.rows() == 1 ? 12 : 1);
+            for (int e = 0; e < 12; ++e) shorter.data()[v.rows() == 1 ? 0 : e][v.rows() == 1 ? e : 0] =
+                v.rows() == 1 ? v.at(0, e) : v.at(e, 0);
+            v = std::move(shorter);
+        }
+    } else if (name == "GetLgmStsm") {
+        // Column 2 holds seasonal periods and trend orders, which set the
+        // state count m; the three results hold (m+1)^2 doubles each.
+        Value &t = args[0];
+        if (t.cols() > 2)
+            for (int i = 0; i < t.rows(); ++i) {
+                double &x = t.at(i, 2);
+                if (x > 256.0 && x < 400000.0) x = std::fmod(x, 256.0);
+            }
+    } else if (name == "GetLgmReg" || name == "AddLgmReg") {
+        // k regressor rows give results of (m+k+1)^2 doubles.
+        if (args[0].rows() > 256) args[0] = Value::matrix(args[0].rows() % 257, args[0].cols() ? 1 : 0);
     }
 }
 
@@ -408,6 +428,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
             } else if (name.compare(0, 3, "Get") == 0 || name == "AddLgmReg") {
                 builder_arguments(d, c, name);
             }
+            bound_costs(name, c.args);
         } catch (const zu::Error &) {
             return 0;  // the harness could not build its own arguments
         }
