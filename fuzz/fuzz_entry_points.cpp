@@ -346,7 +346,6 @@ void builder_arguments(Decoder &d, Call &c, const std::string &name) {
 // refuses outright (beyond 1 TiB) are kept, since their refusal is part of
 // what is tested.
 void bound_costs(const std::string &name, std::vector<Value> &args) {
-    if (args.empty() || args[0].type() != ZU_MATRIX) return;
     if (name == "GetLgmArma") {
         // ARMA coefficient vectors: at most 12 (the work grows as m^6).
         for (int k = 0; k < 2 && k < static_cast<int>(args.size()); ++k) {
@@ -358,6 +357,8 @@ void bound_costs(const std::string &name, std::vector<Value> &args) {
                 v.rows() == 1 ? v.at(0, e) : v.at(e, 0);
             v = std::move(shorter);
         }
+    } else if (args.empty() || args[0].type() != ZU_MATRIX) {
+        return;
     } else if (name == "GetLgmStsm") {
         // Column 2 holds seasonal periods and trend orders, which set the
         // state count m; the three results hold (m+1)^2 doubles each.
