@@ -859,6 +859,16 @@ std::vector<Hostile> catalogue() {
         c->add(mat(1, 1, {0}));
         return c;
     }, raises(zu::kErrorType));
+    add("LgmAbout", "arguments it does not take", [] {
+        auto c = std::make_unique<CallArgs>();
+        c->add(Value::matrix(0, INT_MAX));
+        c->ref();
+        return c;
+    }, custom([](const Outcome &o, CallArgs &) {
+        ASSERT_FALSE(o.threw) << o.text;
+        ASSERT_EQ(o.messages.size(), 8u);
+        EXPECT_EQ(o.messages[0], "\nTessel version 3.00 (September 2008)");
+    }));
     add("LgmVersion", "arguments it does not take", [] {
         auto c = std::make_unique<CallArgs>();
         c->add(Value::matrix(0, INT_MAX));
@@ -890,7 +900,7 @@ INSTANTIATE_TEST_SUITE_P(Catalogue, BadInput, ::testing::Range<std::size_t>(0, c
 TEST(BadInputCoverage, EveryEntryPointHasHostileCases) {
     std::set<std::string> covered;
     for (const Hostile &h : cases()) covered.insert(h.entry);
-    for (const char *e : {"LgmVersion", "LgmWarning", "KalmanFil", "LgmLik", "LgmLikConc", "LgmRecursion",
+    for (const char *e : {"LgmVersion", "LgmAbout", "LgmWarning", "KalmanFil", "LgmLik", "LgmLikConc", "LgmRecursion",
                           "KalmanSmo", "LgmMomentEst", "LgmLikSco", "SimSmoWgt", "SimSmoDraw", "LgmCondDens",
                           "LgmWeights", "GetLgmArma", "GetLgmStsm", "GetLgmReg", "AddLgmReg", "GetLgmSpline"})
         EXPECT_TRUE(covered.count(e)) << e;
