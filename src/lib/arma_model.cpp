@@ -83,7 +83,10 @@ TESSEL_EXPORT int fGetLgmUnivArma(int m, int d, int s, double *phi, double *thet
     // The ARMA block must hold at least the observed element that the
     // difference structure adds to.
     if (m < 1 || d < 0 || d > 2 || s < 0 || n < 1) return 0;
-    const int n2 = n * n;
+    // n^2 x n^2 system: an order whose square does not fit an int is refused
+    // like the scratch allocation it could never get.
+    const int n2 = fit_size(static_cast<long long>(n) * n);
+    if (n2 < 0) return 0;
     Block A;
     Buffer<double> b, x;
     if (!A.alloc(n2, n2) || !b.alloc(n2) || !x.alloc(n2)) return 0;

@@ -124,8 +124,8 @@ TESSEL_EXPORT void FnLgmCondDens(ZuValue *rtn, ZuValue *args, int nargs) {
     Buffer<int> flags;
     const bool work_ok =
         model.open(true) && W1.alloc(p + 1, p) && W2.alloc(p + 2, p) &&
-        store.alloc(model.S, n) && D.alloc(2 * p, n + 1) &&
-        (!simulate || (wgt.alloc(static_cast<int>((p + (q + 1) * 0.5) * q), n + 1) &&
+        store.alloc(model.S, n) && D.alloc(fit_size(2LL * p), fit_size(n + 1LL)) &&
+        (!simulate || (wgt.alloc(fit_size((p + (q + 1) * 0.5) * q), fit_size(n + 1LL)) &&
                        flags.alloc(p) && G.alloc(q, q)));
     if (!work_ok) code = kAllocFailed;
 

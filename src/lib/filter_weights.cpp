@@ -333,7 +333,7 @@ int compute_weights(Model &model, int selection, double **marker, int istar, int
     Buffer<double> yrow;
     if (!W1.alloc(mN + 1, mN) || !W2.alloc(mN + 2, mN) || !store.alloc(model.S, n))
         return kAllocFailed;
-    if (selection != 0 && (!W3.alloc(mN + 1, mN) || !smo.alloc(2 * mN, n + 1)))
+    if (selection != 0 && (!W3.alloc(mN + 1, mN) || !smo.alloc(fit_size(2LL * mN), fit_size(n + 1LL))))
         return kAllocFailed;
     if (N == 1 ? !yrow.alloc(static_cast<std::size_t>(n)) : !ycopy.alloc(N, n))
         return kAllocFailed;

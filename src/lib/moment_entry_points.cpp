@@ -37,7 +37,7 @@ TESSEL_EXPORT void FnLgmMomentEst(ZuValue *rtn, ZuValue *args, int nargs) {
     ZuValue *ref = args[1].type == ZU_REF ? &args[1] : nullptr;
     double **moments = nullptr;
     if (ref) {
-        if (!make_matrix_value(ref->v.ref, 2 * mN, T)) {
+        if (!make_matrix_value(ref->v.ref, fit_size(2LL * mN), T)) {
             ZuFreeByValue(ref->v.ref);
             ZuRunError(4, nullptr);
         }
@@ -50,11 +50,12 @@ TESSEL_EXPORT void FnLgmMomentEst(ZuValue *rtn, ZuValue *args, int nargs) {
     }
 
     int code = kOk;
-    const int noff = m * (m - 1) / 2;
+    // -1 beyond int: then the allocation below fails, as it would have to.
+    const int noff = fit_size(static_cast<long long>(m) * (m - 1) / 2);
     Block W1, W2, store, scratch, offdiag;
     if (!model.open() || !W1.alloc(mN + 1, mN) || !W2.alloc(mN + N + 2, mN) ||
-        !store.alloc(model.S, T) || (!ref && !scratch.alloc(2 * mN, T)) ||
-        (sel == kStateSmooth && noff > 0 && !offdiag.alloc(noff, T))) {
+        !store.alloc(model.S, T) || (!ref && !scratch.alloc(fit_size(2LL * mN), T)) ||
+        (sel == kStateSmooth && noff != 0 && !offdiag.alloc(noff, T))) {
         code = kAllocFailed;
     } else {
         if (!ref) moments = scratch.get();

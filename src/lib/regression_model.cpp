@@ -58,6 +58,10 @@ TESSEL_EXPORT void FnGetLgmReg(ZuValue *rtn, ZuValue *args, int nargs) {
     }
     ZuValue *sys = args[1].v.ref, *var = args[2].v.ref, *init = args[3].v.ref,
             *sysidx = args[4].v.ref;
+    if (fit_size(k + 1LL) < 0) {  // k + 1 rows cannot be had
+        ZuRunErrorMessage("GetLgmReg(): memory allocation failure");
+        return;
+    }
     const bool ok_sys = make_matrix_value(sys, k + 1, k);
     const bool ok_var = make_matrix_value(var, k + 1, k + 1);
     const bool ok_init = make_matrix_value(init, k + 1, k);
@@ -114,15 +118,17 @@ TESSEL_EXPORT void FnAddLgmReg(ZuValue *, ZuValue *args, int nargs) {
             return;
         }
     } else {
-        if (old_sys->v.mat.rows != m + 1) {
+        // Compared in long long: m is the caller's column count, up to INT_MAX.
+        const long long m1 = m + 1LL;
+        if (old_sys->v.mat.rows != m1) {
             ZuRunErrorMessage("AddLgmReg(): argument 2 wrong matrix dimension");
             return;
         }
-        if (old_var->v.mat.rows != m + 1 || old_var->v.mat.cols != m + 1) {
+        if (old_var->v.mat.rows != m1 || old_var->v.mat.cols != m1) {
             ZuRunErrorMessage("AddLgmReg(): argument 3 wrong matrix dimension");
             return;
         }
-        if (old_init->v.mat.rows != m + 1 || old_init->v.mat.cols != m) {
+        if (old_init->v.mat.rows != m1 || old_init->v.mat.cols != m) {
             ZuRunErrorMessage("AddLgmReg(): argument 4 wrong matrix dimension");
             return;
         }
@@ -130,6 +136,10 @@ TESSEL_EXPORT void FnAddLgmReg(ZuValue *, ZuValue *args, int nargs) {
 
     // The extended model is built in new values; the caller's variables are
     // replaced only once all of them exist.
+    if (fit_size(static_cast<long long>(m) + k + 1) < 0) {  // M + 1 rows cannot be had
+        ZuRunError(4, nullptr);
+        return;
+    }
     const int M = m + k;
     PendingValue sys, var, init, sysidx;
     if (!sys.alloc(M + 1, M) || !var.alloc(M + 1, M + 1) || !init.alloc(M + 1, M) ||

@@ -26,7 +26,8 @@ int count_selected(const ZuValue &selection, int p, int *flags) {
 
 // Rows of the weight matrix: q p + q (q+1) / 2, computed as the layout is
 // defined, in floating point.
-int weight_rows(int p, int q) { return static_cast<int>((p + (q + 1) * 0.5) * q); }
+// -1 (matched by no argument, granted by no allocation) beyond int.
+int weight_rows(int p, int q) { return fit_size((p + (q + 1) * 0.5) * q); }
 
 void require_selection(const ZuValue &selection, int p, int *q) {
     *q = p < 1 ? 0 : count_selected(selection, p, nullptr);
@@ -86,7 +87,7 @@ TESSEL_EXPORT void FnSimSmoDraw(ZuValue *rtn, ZuValue *args, int nargs) {
     ZuLibCheckMatrixSize(args, 1, 1, q, model.n);
     ZuLibCheckMatrixSize(args, 2, 2, weight_rows(p, q), model.n);
 
-    double **out = make_matrix_value_or_raise(rtn, p, model.n + 1);
+    double **out = make_matrix_value_or_raise(rtn, p, fit_size(model.n + 1LL));
 
     int code = kOk;
     Buffer<int> flags;
