@@ -212,7 +212,7 @@ TESSEL_EXPORT void FnKalmanSmo(ZuValue *rtn, ZuValue *args, int nargs) {
     Model model;
     model.check(FrameVariant::Copying, args, nargs, 0, 1);
     const int mN = model.mN, T = model.n;
-    double **out = make_matrix_value_or_raise(rtn, 2 * mN, T + 1);
+    double **out = make_matrix_value_or_raise(rtn, fit_size(2LL * mN), fit_size(T + 1LL));
 
     int code = kOk;
     Block W1, W2;
