@@ -10,6 +10,7 @@
 //   r(t-1)  = SysMat' (r(t); u(t))      = T' r(t) + Z' u(t)
 //   N(t-1)  = SysMat' D~(t) SysMat       = Z' F^-1 Z + L' N(t) L, L = T - K Z
 // starting from r = 0 and N = 0 after the last time point.
+#include "filter_step.h"
 #include "frame.h"
 #include "smoothing_steps.h"
 
@@ -76,6 +77,29 @@ void multi_form_u_D(int N, int m, int t, double **W1, double **W2, double **stor
     // D~: N(t) from its lower triangle, -N K and F^-1 + K' N K.
     for (int k = 0; k < m; ++k)
         for (int j = 0; j <= k; ++j) W2[k][j] = W2[j][k] = W1[k][j];
+    if (m <= StepFrame::kMaxOrder && N <= StepFrame::kMaxOrder) {
+        // The same sums in the same order, as register-blocked combinations
+        // of rows: row k of N K combines the gain rows (W1[j] from column m)
+        // by N[k]; row a of K' N K combines the rows of N K by column a of K.
+        double *rows[StepFrame::kMaxOrder], tmp[StepFrame::kMaxOrder], coef[StepFrame::kMaxOrder];
+        for (int j = 0; j < m; ++j) rows[j] = W1[j] + m;
+        for (int k = 0; k < m; ++k) {
+            step_combine_rows(tmp, W2[k], rows, m, 0, N);
+            for (int a = 0; a < N; ++a) W2[k][m + a] = W2[m + a][k] = -tmp[a];
+        }
+        for (int k = 0; k < m; ++k) rows[k] = W2[k] + m;
+        for (int a = 0; a < N; ++a) {
+            const int ca = m + a;
+            for (int k = 0; k < m; ++k) coef[k] = W1[k][ca];
+            step_combine_rows(tmp, coef, rows, m, a, N - a);
+            for (int b = a; b < N; ++b) {
+                const int cb = m + b;
+                const double x = W2[ca][cb] - tmp[b - a];
+                W2[ca][cb] = W2[cb][ca] = x;
+            }
+        }
+        return;
+    }
     for (int k = 0; k < m; ++k) {
         const double *nk = W2[k];
         for (int a = 0; a < N; ++a) {

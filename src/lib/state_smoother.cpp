@@ -5,6 +5,7 @@
 //   signal Z a^(t) with variance Z P Z' - Z P N(t-1) P Z'
 // (no observation intercept). The output may be the prediction matrix
 // itself: a column's prediction is read before that column is written.
+#include "filter_step.h"
 #include "frame.h"
 #include "smoothing_steps.h"
 
@@ -20,6 +21,21 @@ void state_smo(bool univ, int N, int T, int m, double **sys, int **sysidx, doubl
     if (T == 0) return;
     const double *r = W1[mN];
     double *a = W2[mN];
+    // x' N(t-1) x for the rows x of P and of Z P: N is exactly symmetric, so
+    // x' N is the combination of the rows of N by x (register-blocked, the
+    // filter step's kernel), then one dot product with x.
+    const bool blocked = m <= StepFrame::kMaxOrder;
+    double *nrows[StepFrame::kMaxOrder];
+    if (blocked)
+        for (int j = 0; j < m; ++j) nrows[j] = W1[j];
+    auto quad = [&](const double *x) {
+        if (!blocked) return dInnerProd(m, x, W1);
+        double xn[StepFrame::kMaxOrder];
+        step_combine_rows(xn, x, nrows, m, 0, m);
+        double acc = 0.0;
+        for (int c = 0; c < m; ++c) acc += xn[c] * x[c];
+        return acc;
+    };
 
     for (int t = T - 1; t >= 0; --t) {
         smooth_tv_sys(t, mN, m, sys, sysidx, tvdata);
@@ -37,14 +53,20 @@ void state_smo(bool univ, int N, int T, int m, double **sys, int **sysidx, doubl
         int row = 0;
         for (int k = 0; k < m; ++k)
             for (int j = k + 1; j < m; ++j, ++row) W2[k][j] = W2[j][k] = offdiag[row][t];
-        // Z P in rows m..m+N-1.
-        for (int i = 0; i < N; ++i) {
-            const double *z = sys[m + i];
-            double *zp = W2[m + i];
-            for (int k = 0; k < m; ++k) {
-                double acc = 0.0;
-                for (int j = 0; j < m; ++j) acc += z[j] * W2[j][k];
-                zp[k] = acc;
+        // Z P in rows m..m+N-1 (row i combines the rows of P by Z[i]).
+        if (blocked) {
+            double *prows[StepFrame::kMaxOrder];
+            for (int j = 0; j < m; ++j) prows[j] = W2[j];
+            for (int i = 0; i < N; ++i) step_combine_rows(W2[m + i], sys[m + i], prows, m, 0, m);
+        } else {
+            for (int i = 0; i < N; ++i) {
+                const double *z = sys[m + i];
+                double *zp = W2[m + i];
+                for (int k = 0; k < m; ++k) {
+                    double acc = 0.0;
+                    for (int j = 0; j < m; ++j) acc += z[j] * W2[j][k];
+                    zp[k] = acc;
+                }
             }
         }
 
@@ -53,7 +75,7 @@ void state_smo(bool univ, int N, int T, int m, double **sys, int **sysidx, doubl
             double acc = a[k];
             for (int j = 0; j < m; ++j) acc += pk[j] * r[j];
             out[k][t] = acc;
-            out[mN + k][t] = pk[k] - dInnerProd(m, pk, W1);
+            out[mN + k][t] = pk[k] - quad(pk);
         }
         for (int i = 0; i < N; ++i) {
             const double *z = sys[m + i];
@@ -64,7 +86,7 @@ void state_smo(bool univ, int N, int T, int m, double **sys, int **sysidx, doubl
                 var += z[k] * zp[k];
             }
             out[m + i][t] = mean;
-            out[2 * m + N + i][t] = var - dInnerProd(m, zp, W1);
+            out[2 * m + N + i][t] = var - quad(zp);
         }
     }
 }
