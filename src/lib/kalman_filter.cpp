@@ -274,10 +274,115 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
     double *K = W1[m];   // row m of Pbar: M, then scaled into the gain
     double *p = W2[mN];
 
+    // Paths after a gap (small models): the full steps that follow a gap
+    // taken from the cycle depend on nothing but P at the gap, so the first
+    // gap at a given point of the cycle records the top block of W1 after
+    // each step until the cycle is found again, and later gaps starting from
+    // the same P (bit for bit) replay the record while the data stay
+    // observed. The replay does the arithmetic of the full steps' mean
+    // recursion on the recorded blocks, so results are the same bit for bit.
+    constexpr int kPaths = 4, kPathLen = 96, kBlock = (ML + 1) * (ML + 1);
+    struct Path {
+        double start[ML * ML];
+        double blk[kPathLen][kBlock];
+        int len;
+        bool done;
+    };
+    Path paths[M > 0 ? kPaths : 1];
+    int npaths = 0, recording = -1;
+    bool gap_from_cycle = false;
+    auto same_start = [&](const Path &q) {
+        for (int i = 0; i < ML; ++i)
+            for (int j = 0; j < ML; ++j) {
+                std::uint64_t x, z;
+                std::memcpy(&x, &Pl[i][j], sizeof x);
+                std::memcpy(&z, &q.start[i * ML + j], sizeof z);
+                if (x != z) return false;
+            }
+        return true;
+    };
+    auto record = [&] {  // the block a full step left, onto the open path
+        if (recording < 0) return;
+        Path &q = paths[recording];
+        if (q.len == kPathLen) {  // too long to keep: drop it
+            --npaths;
+            recording = -1;
+            return;
+        }
+        for (int i = 0; i <= ML; ++i)
+            for (int j = 0; j <= ML; ++j) q.blk[q.len][i * (ML + 1) + j] = W1[i][j];
+        ++q.len;
+    };
+
     for (int t = 0; t < n; ++t) {
         step_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
         const double yt = y[t];
         const bool missing = std::isnan(yt);
+
+        if constexpr (M > 0) {
+            if (missing && steady_state.usable()) {
+                int hit = -1;
+                if (gap_from_cycle)
+                    for (int c = 0; c < npaths; ++c)
+                        if (paths[c].done && same_start(paths[c])) hit = c;
+                if (hit >= 0) {
+                    const Path &q = paths[hit];
+                    // The gap: prediction only, as the full step.
+                    for (int i = 0; i < mN; ++i) {
+                        double acc = mean[i];
+                        for (int j = 0; j < M; ++j) acc += sys[i][j] * a[j];
+                        p[i] = acc;
+                    }
+                    for (int k = 0; k < M; ++k) a[k] = p[k];
+                    SetNaN(&a[M]);
+                    if (store) step_univ_store_missing(M, t, store);
+                    int j = 1, s = t + 1;
+                    for (; j < q.len && s < n; ++j, ++s) {
+                        if (meanidx) step_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
+                        const double ys = y[s];
+                        if (std::isnan(ys)) break;
+                        const double *Kb = q.blk[j] + M * (M + 1);
+                        for (int i = 0; i < mN; ++i) {
+                            double acc = mean[i];
+                            for (int c = 0; c < M; ++c) acc += sys[i][c] * a[c];
+                            p[i] = acc;
+                        }
+                        const double v = ys - p[M];
+                        a[M] = v;
+                        const double Finv = Kb[M];
+                        if (Finv > 0.0) {
+                            ++count;
+                            finv_product.mul(Finv);
+                            sumsq += v * v * Finv;
+                        }
+                        if (store) step_univ_store(M, s, v, Kb, store);
+                        for (int c = 0; c < M; ++c) a[c] = p[c] + Kb[c] * v;
+                    }
+                    const double *last = q.blk[j - 1];
+                    for (int i = 0; i <= M; ++i)
+                        for (int c = 0; c <= M; ++c) W1[i][c] = last[i * (M + 1) + c];
+                    load_P();
+                    steady_state.broken();
+                    gap_from_cycle = false;
+                    if (steady_steps) *steady_steps += j;
+                    t = s - 1;  // the step that ended the replay is taken next
+                    continue;
+                }
+                if (recording >= 0) {  // a second gap before the path closed
+                    --npaths;
+                    recording = -1;
+                }
+                if (gap_from_cycle && npaths < kPaths) {
+                    recording = npaths++;
+                    Path &q = paths[recording];
+                    for (int i = 0; i < M; ++i)
+                        for (int c = 0; c < M; ++c) q.start[i * ML + c] = Pl[i][c];
+                    q.len = 0;
+                    q.done = false;
+                }
+            }
+            gap_from_cycle = false;
+        }
 
         if (steady && !missing) {
             // A run of observed steps in the cycle: the arithmetic of the
@@ -316,6 +421,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             load_P();
             if (steady_steps) *steady_steps += k;
             steady = false;
+            gap_from_cycle = t + k < n;  // the run ended at a gap
             t += k - 1;  // the step that ended the run is taken next
             continue;
         }
@@ -338,6 +444,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             for (int k = 0; k < m; ++k) a[k] = p[k];
             SetNaN(&a[m]);
             if (store) step_univ_store_missing(m, t, store);
+            if constexpr (M > 0) record();
             continue;
         }
 
@@ -377,7 +484,13 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             step_univ_update(m, W1, p, v);
         }
 
+        if constexpr (M > 0) record();
         if (steady_state.usable()) steady = steady_state.after(W1, 0.0);
+        if constexpr (M > 0)
+            if (steady && recording >= 0) {  // the path is back in the cycle
+                paths[recording].done = true;
+                recording = -1;
+            }
     }
 
     return finish(count < 1 ? 0 : 1);
