@@ -124,16 +124,15 @@ def kappa_of(var):
     return KAPPA_FACTOR * max(1.0, float(np.max(np.diag(var))))
 
 
-def flops_per_step(name, m, N):
-    """Floating-point operations per time step of the plain dense
-    recursion (multiply and add counted separately): SysMat P SysMat' as
-    (m+N) m^2 + (m+N)(m+N+1)/2 m multiply-adds, the gain and P update, the
-    prediction; the smoother adds the backward r, N recursion and the
-    smoothed variance. Returns the count for the log-likelihood."""
+def flops_per_step(m, N):
+    """Floating-point operations of one step of the plain dense filter
+    (multiply and add one flop each; see bench/README.md): prediction,
+    SysMat P SysMat' + VarMat, F^-1, gain, innovations and likelihood terms,
+    state and variance updates."""
     p = m + N
-    bsbt = p * m * m + p * (p + 1) // 2 * m
-    upd = m * N * N + m * (m + 1) // 2 * N + m * N + p * m + N ** 3
-    return 2 * (bsbt + upd)
+    inverse = 1 if N == 1 else 2 * N ** 3
+    return (2 * p * m + 2 * p * m * m + p * (p + 1) * m + p * p + inverse + 2 * m * N * N
+            + 2 * N * N + N + 2 * m * N + m * (m + 1) * N)
 
 
 # ---------------------------------------------------------------- timing
@@ -272,7 +271,7 @@ def loglik_section(table, rng, repeat, rtol):
                 rels.append(abs(ll_t - r[1]) / abs(r[1]))
         table.add(name, n, t_t, peers, max(rels) <= rtol,
                   f"loglik {ll_t:.6f}, max rel diff {max(rels):.1e}; "
-                  f"{flops_per_step(name, m, N)} flop/step dense")
+                  f"{flops_per_step(m, N)} flop/step dense")
 
 
 def smoothing_section(table, rng, repeat):
