@@ -44,14 +44,7 @@ TESSEL_EXPORT void LgmSignalSmo(int mode, int N, int n, int m, double **sys, dou
             for (int k = 0; k < p; ++k)
                 if (meanidx[k] >= 0) mean[k] = tvdata[meanidx[k]][col];
         }
-        if (sysidx)
-            for (int i = 0; i < p; ++i)
-                for (int j = 0; j < m; ++j)
-                    if (sysidx[i][j] >= 0) sys[i][j] = tvdata[sysidx[i][j]][t];
-        if (varidx)
-            for (int i = 0; i < p; ++i)
-                for (int j = 0; j < p; ++j)
-                    if (varidx[i][j] >= 0) var[i][j] = tvdata[varidx[i][j]][t];
+        write_time_varying(t, m, p, sys, var, nullptr, sysidx, varidx, nullptr, tvdata);
 
         for (int i = 0; i < p; ++i) {
             double s = mean[i];

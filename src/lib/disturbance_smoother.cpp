@@ -21,8 +21,7 @@ void disturb_smo(bool univ, int N, int T, int m, double **sys, double **var, int
     double *w1last = W1[mN];
 
     for (int t = T - 1; t >= 0; --t) {
-        smooth_tv_sys(t, mN, m, sys, sysidx, tvdata);
-        smooth_tv_var(t, mN, var, varidx, tvdata);
+        write_time_varying(t, m, mN, sys, var, nullptr, sysidx, varidx, nullptr, tvdata);
         if (univ)
             univ_form_u_D(m, t, W1, W2, store);
         else

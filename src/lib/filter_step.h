@@ -383,27 +383,6 @@ inline void step_prior(StepFrame &f, int m, int mN, double **sys, double **var,
     MatAdd(W2, mN, mN, var, 1.0, W1);
 }
 
-// Writes the time-t values of the time-varying elements straight from the
-// open index tables (each may be null).
-inline void step_time_varying(int t, int m, int mN, double **sys, double **var, double *mean,
-                              int **sysidx, int **varidx, const int *meanidx, double **tvdata) {
-    if (meanidx)
-        for (int k = 0; k < mN; ++k)
-            if (meanidx[k] >= 0) mean[k] = tvdata[meanidx[k]][t];
-    if (sysidx)
-        for (int k = 0; k < mN; ++k) {
-            const int *idx = sysidx[k];
-            for (int j = 0; j < m; ++j)
-                if (idx[j] >= 0) sys[k][j] = tvdata[idx[j]][t];
-        }
-    if (varidx)
-        for (int k = 0; k < mN; ++k) {
-            const int *idx = varidx[k];
-            for (int j = 0; j < mN; ++j)
-                if (idx[j] >= 0) var[k][j] = tvdata[idx[j]][t];
-        }
-}
-
 // Initial state mean and variance into W1 (a in row mN, P top-left), the
 // diffuse elements at kappa. Returns d, the number of diffuse elements.
 inline int step_initialise(int m, int mN, double **init, double kappa, double **W1) {

@@ -34,19 +34,6 @@ using namespace tessel;
 
 namespace {
 
-// First store row of the block (gain column, then Finv column) of series i.
-inline int store_block(int N, int m, int i) { return N + i * m + i * (i + 1) / 2; }
-
-// Writes the time-t values of the time-varying SysMat elements.
-void write_system(int t, int m, int mN, double **sys, int **sysidx, double **tvdata) {
-    if (!sysidx || !tvdata) return;
-    for (int k = 0; k < mN; ++k) {
-        const int *idx = sysidx[k];
-        for (int j = 0; j < m; ++j)
-            if (idx[j] >= 0) sys[k][j] = tvdata[idx[j]][t];
-    }
-}
-
 // Loads store column t into W1: innovations into row m+N, and the block of
 // each series i into row m+i, columns 0..m+i. A series whose innovation is
 // NaN (everything missing at t) loads zeros.
@@ -91,7 +78,7 @@ void backward_weights(int N, int from, int istar, int m, double **sys, int **sys
                       double **tvdata, double **W1, double **W2, double **store, double **out) {
     const int mN = m + N;
     for (int j = from; j >= 0; --j) {
-        write_system(j, m, mN, sys, sysidx, tvdata);
+        write_time_varying(j, m, mN, sys, nullptr, nullptr, sysidx, nullptr, nullptr, tvdata);
         load_store_rows(N, m, store, j, W1);
         // W1[r][m+c] = -(W K)[r][c]; K[k][c] sits in W1[m+c][k].
         for (int r = 0; r < m; ++r) {
@@ -135,7 +122,7 @@ int weight_fil(int N, int n, int tstar, int istar, int m, double **sys, int **sy
                double **out) {
     const int mN = m + N;
     MatZero(out, mN, n);
-    write_system(tstar, m, mN, sys, sysidx, tvdata);
+    write_time_varying(tstar, m, mN, sys, nullptr, nullptr, sysidx, nullptr, nullptr, tvdata);
     load_store_rows(N, m, store, tstar, W1);
     // W2[r][m+a] = (P Z')[r][a], P = P(t*) from W3.
     for (int r = 0; r < m; ++r) {
@@ -176,7 +163,7 @@ int weight_smo(int N, int n, int tstar, int istar, int m, double **sys, int **sy
     // Pass 1, j = n-1 .. t*: N(j) and s(j) (kept in rows 0..m-1 of smo).
     MatZero(W1, mN + 1, mN);
     for (int j = n - 1; j >= tstar; --j) {
-        write_system(j, m, mN, sys, sysidx, tvdata);
+        write_time_varying(j, m, mN, sys, nullptr, nullptr, sysidx, nullptr, nullptr, tvdata);
         // Gains into W1's columns m.., F^-1 as a full block into W2's
         // bottom-right block, innovations into W1's last row.
         for (int i = 0; i < N; ++i) {
@@ -231,7 +218,7 @@ int weight_smo(int N, int n, int tstar, int istar, int m, double **sys, int **sy
     for (int r = 0; r < m; ++r)
         for (int c = 0; c < m; ++c) W1[r][c] = W3[r][c];
     for (int j = tstar; j < n; ++j) {
-        write_system(j, m, mN, sys, sysidx, tvdata);
+        write_time_varying(j, m, mN, sys, nullptr, nullptr, sysidx, nullptr, nullptr, tvdata);
         for (int r = 0; r < m; ++r) {
             double s = 0.0;
             for (int k = 0; k < m; ++k) s += W1[r][k] * smo[k][j];

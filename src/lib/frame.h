@@ -141,6 +141,33 @@ void report_status(int code, ZuValue *rtn, ReturnKind kind, const char *failure_
 // Prints a warning through the host unless messages are off.
 void warn(const char *text);
 
+// First row of the filter store block of series i (of N, state dimension m):
+// its m gains, then rows 0..i of column i of F^-1.
+inline int store_block(int N, int m, int i) { return N + i * m + i * (i + 1) / 2; }
+
+// Writes the time-t values of the elements marked in the open index tables
+// (each table may be null, and so may its target) from tvdata[row][t] into
+// sys (mN x m), var (mN x mN) and mean (mN).
+inline void write_time_varying(int t, int m, int mN, double **sys, double **var, double *mean,
+                               int **sysidx, int **varidx, const int *meanidx, double **tvdata) {
+    if (!tvdata) return;
+    if (meanidx && mean)
+        for (int k = 0; k < mN; ++k)
+            if (meanidx[k] >= 0) mean[k] = tvdata[meanidx[k]][t];
+    if (sysidx && sys)
+        for (int k = 0; k < mN; ++k) {
+            const int *idx = sysidx[k];
+            for (int j = 0; j < m; ++j)
+                if (idx[j] >= 0) sys[k][j] = tvdata[idx[j]][t];
+        }
+    if (varidx && var)
+        for (int k = 0; k < mN; ++k) {
+            const int *idx = varidx[k];
+            for (int j = 0; j < mN; ++j)
+                if (idx[j] >= 0) var[k][j] = tvdata[idx[j]][t];
+        }
+}
+
 // --------------------------------------------------------------- model frame
 
 // The two checking/opening behaviours: entry points that filter on copies

@@ -315,7 +315,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
     };
 
     for (int t = 0; t < n; ++t) {
-        step_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
+        write_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
         const double yt = y[t];
         const bool missing = std::isnan(yt);
 
@@ -338,7 +338,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
                     if (store) step_univ_store_missing(M, t, store);
                     int j = 1, s = t + 1;
                     for (; j < q.len && s < n; ++j, ++s) {
-                        if (meanidx) step_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
+                        if (meanidx) write_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
                         const double ys = y[s];
                         if (std::isnan(ys)) break;
                         const double *Kb = q.blk[j] + M * (M + 1);
@@ -392,7 +392,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             for (int j = 0; j < m; ++j) al[j] = a[j];
             int k = 0;
             for (int s = t; s < n; ++s, ++k) {
-                if (s > t && meanidx) step_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
+                if (s > t && meanidx) write_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
                 const double ys = y[s];
                 if (std::isnan(ys)) break;
                 const double *Kb = steady_state.block(k) + m * mN;
@@ -536,7 +536,7 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
     double *p = W2[mN];
 
     for (int t = 0; t < n; ++t) {
-        step_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
+        write_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
         int missing = 0;
         for (int i = 0; i < N; ++i) missing += std::isnan(y[i][t]) ? 1 : 0;
 
@@ -548,7 +548,7 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
             for (int j = 0; j < m; ++j) al[j] = a[j];
             int k = 0;
             for (int s = t; s < n; ++s, ++k) {
-                if (s > t && meanidx) step_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
+                if (s > t && meanidx) write_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
                 bool all = true;
                 for (int i = 0; i < N; ++i) all &= !std::isnan(y[i][s]);
                 if (!all) break;

@@ -18,24 +18,6 @@ using namespace tessel;
 
 namespace tessel {
 
-void smooth_tv_sys(int t, int mN, int m, double **sys, int **sysidx, double **tvdata) {
-    if (!sysidx) return;
-    for (int i = 0; i < mN; ++i) {
-        const int *idx = sysidx[i];
-        for (int j = 0; j < m; ++j)
-            if (idx[j] >= 0) sys[i][j] = tvdata[idx[j]][t];
-    }
-}
-
-void smooth_tv_var(int t, int mN, double **var, int **varidx, double **tvdata) {
-    if (!varidx) return;
-    for (int i = 0; i < mN; ++i) {
-        const int *idx = varidx[i];
-        for (int j = 0; j < mN; ++j)
-            if (idx[j] >= 0) var[i][j] = tvdata[idx[j]][t];
-    }
-}
-
 void multi_form_u_D(int N, int m, int t, double **W1, double **W2, double **store) {
     const int mN = m + N;
     double *w1last = W1[mN];
@@ -184,7 +166,7 @@ void kalman_smo(bool univ, int N, int T, int m, double **sys, int **sysidx, doub
     const double *u = W2[mN];
 
     for (int t = T - 1; t >= 0; --t) {
-        smooth_tv_sys(t, mN, m, sys, sysidx, tvdata);
+        write_time_varying(t, m, mN, sys, nullptr, nullptr, sysidx, nullptr, nullptr, tvdata);
         if (univ)
             univ_form_u_D(m, t, W1, W2, store);
         else

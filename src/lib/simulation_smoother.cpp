@@ -11,24 +11,10 @@
 
 #include "frame.h"
 
+using tessel::store_block;
+using tessel::write_time_varying;
+
 namespace {
-
-// Writes the time-t values of the marked SysMat and VarMat elements.
-void write_time_varying(int t, int m, int p, double **sys, double **var, int **sysidx,
-                        int **varidx, double **tvdata) {
-    if (sysidx)
-        for (int i = 0; i < p; ++i)
-            for (int j = 0; j < m; ++j)
-                if (sysidx[i][j] >= 0) sys[i][j] = tvdata[sysidx[i][j]][t];
-    if (varidx)
-        for (int i = 0; i < p; ++i)
-            for (int j = 0; j < p; ++j)
-                if (varidx[i][j] >= 0) var[i][j] = tvdata[varidx[i][j]][t];
-}
-
-// First store row of the block of series i: its gain column, then rows
-// 0..i of column i of F^-1.
-inline int store_block(int N, int m, int i) { return N + i * m + i * (i + 1) / 2; }
 
 // First weight row of selected element s: p weights, then the q - s
 // entries of column s of the factor.
@@ -53,7 +39,7 @@ int sim_smo_weights(int N, int n, int m, double **sys, double **var, int **sysid
     double *pivots = A[p];
 
     for (int t = n - 1; t >= 0; --t) {
-        write_time_varying(t, m, p, sys, var, sysidx, varidx, tvdata);
+        write_time_varying(t, m, p, sys, var, nullptr, sysidx, varidx, nullptr, tvdata);
         load_store_columns(N, m, t, store, A);
 
         // U = [[M, -M K], [-K' M, F^-1 + K' M K]] with M the state block of A.
@@ -140,7 +126,7 @@ void sim_smo_draw(int N, int n, int m, double **sys, double **var, int **sysidx,
     for (int j = 0; j < p; ++j) r[j] = 0.0;
 
     for (int t = n - 1; t >= 0; --t) {
-        write_time_varying(t, m, p, sys, var, sysidx, varidx, tvdata);
+        write_time_varying(t, m, p, sys, var, nullptr, sysidx, varidx, nullptr, tvdata);
         // The innovations go into r as stored: a wholly missing time point
         // carries its NaN into the draw and into every earlier r.
         for (int i = 0; i < N; ++i) r[m + i] = store[i][t];

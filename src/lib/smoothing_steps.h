@@ -14,11 +14,6 @@
 
 namespace tessel {
 
-// Time-t values of the time-varying SysMat elements (no-op without sysidx).
-void smooth_tv_sys(int t, int mN, int m, double **sys, int **sysidx, double **tvdata);
-// Time-t values of the time-varying VarMat elements (no-op without varidx).
-void smooth_tv_var(int t, int mN, double **var, int **varidx, double **tvdata);
-
 // Loads store column t (when store is given) and forms u~(t) in W2's last
 // row and D~(t) in W2's top block. A NaN innovation zeroes its gain and
 // inverse-variance column but is multiplied as it stands.

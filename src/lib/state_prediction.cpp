@@ -63,7 +63,7 @@ TESSEL_EXPORT int fMultiStatePred(int filtered, int N, int T, double **y, int m,
 
     for (int t = 0; t < T; ++t) {
         record_state(m, mN, t, W1, moments, offdiag);
-        step_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
+        write_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
         if (filtered)
             for (int i = 0; i < N; ++i) {
                 const double *z = sys[m + i];
@@ -150,7 +150,7 @@ TESSEL_EXPORT int fUnivStatePred(int filtered, int T, double *y, int m, double *
 
     for (int t = 0; t < T; ++t) {
         record_state(m, mN, t, W1, moments, offdiag);
-        step_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
+        write_time_varying(t, m, mN, sys, var, mean, sysidx, varidx, meanidx, tvdata);
         if (filtered) {
             const double *z = sys[m];
             for (int k = 0; k < m; ++k) {

@@ -38,7 +38,7 @@ void state_smo(bool univ, int N, int T, int m, double **sys, int **sysidx, doubl
     };
 
     for (int t = T - 1; t >= 0; --t) {
-        smooth_tv_sys(t, mN, m, sys, sysidx, tvdata);
+        write_time_varying(t, m, mN, sys, nullptr, nullptr, sysidx, nullptr, nullptr, tvdata);
         if (univ)
             univ_form_u_D(m, t, W1, W2, store);
         else
