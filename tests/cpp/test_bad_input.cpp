@@ -34,6 +34,11 @@ using testutil::Args;
 using testutil::kNaN;
 using testutil::mat;
 using testutil::MessageCapture;
+using testutil::CallArgs;
+using testutil::Crafted;
+using testutil::Outcome;
+using testutil::call_crafted;
+using testutil::call_outcome;
 using zu::Value;
 
 const double kInf = std::numeric_limits<double>::infinity();
@@ -41,38 +46,8 @@ constexpr int kTime = 6;
 
 // ------------------------------------------------------------- call set-up
 
-struct CallArgs {
-    std::deque<Value> vars;
-    Args args;
-    void add(Value v) { args.push_back(std::move(v)); }
-    void ref(Value initial = Value()) {
-        vars.push_back(std::move(initial));
-        args.push_back(Value::ref(vars.back()));
-    }
-};
 
-struct Outcome {
-    bool threw = false;
-    int number = -1;
-    std::string text;
-    Value result;
-    std::vector<std::string> messages;
-};
 
-Outcome call(const std::string &entry, CallArgs &c) {
-    Outcome o;
-    MessageCapture capture;
-    zu::set_seed(7);
-    try {
-        o.result = zu::call(entry, c.args);
-    } catch (const zu::Error &e) {
-        o.threw = true;
-        o.number = e.number();
-        o.text = e.what();
-    }
-    o.messages = capture.messages;
-    return o;
-}
 
 // What a hostile call must end in.
 struct Expect {
@@ -114,7 +89,7 @@ void check(const Hostile &h) {
     const long before = zu::live_allocations().total();
     {
         std::unique_ptr<CallArgs> c = h.make();
-        Outcome o = call(h.entry, *c);
+        Outcome o = call_outcome(h.entry, c->args);
         const Expect &e = h.expect;
         switch (e.kind) {
         case Expect::Raises:
@@ -281,50 +256,11 @@ std::unique_ptr<CallArgs> model_call(const EntryShape &e, const Model &md, const
 // Result of an undisturbed call with the same arguments, to compare with.
 Outcome plain_outcome(const EntryShape &e, const Model &md, const Value &y, std::vector<Value> rest) {
     std::unique_ptr<CallArgs> c = model_call(e, md, y, std::move(rest));
-    return call(e.name, *c);
+    return call_outcome(e.name, c->args);
 }
 
 std::string lgm_rows_text(int i) {
     return "\nLgm(): number of rows or columns not correct in argument " + std::to_string(i) + "\n";
-}
-
-// ------------------------------------------------------ raw crafted values
-
-// A matrix value that claims rows x cols but owns nothing; its row pointers
-// aim at one zero row so that a wrong read is at least bounded (and caught
-// by the sanitizers). Used only where the checks must refuse the value
-// before reading it.
-struct Crafted {
-    std::vector<double> row = std::vector<double>(4, 0.0);
-    std::vector<double *> rows = std::vector<double *>(4, nullptr);
-    ZuValue value{};
-    Crafted(int r, int c) {
-        for (double *&p : rows) p = row.data();
-        value.type = ZU_MATRIX;
-        value.v.mat.rows = r;
-        value.v.mat.cols = c;
-        value.v.mat.data = rows.data();
-    }
-};
-
-// Calls with a raw argument array: Values lend their contents, crafted
-// values stand where given. The host must not convert or free any of them.
-Outcome call_raw(const std::string &entry, std::vector<Value> &owned,
-                 const std::vector<std::pair<int, Crafted *>> &crafted) {
-    std::vector<ZuValue> raw;
-    for (Value &v : owned) raw.push_back(*v.raw());
-    for (const auto &c : crafted) raw[c.first] = c.second->value;
-    Outcome o;
-    MessageCapture capture;
-    try {
-        o.result = zu::call(entry, raw.data(), static_cast<int>(raw.size()));
-    } catch (const zu::Error &e) {
-        o.threw = true;
-        o.number = e.number();
-        o.text = e.what();
-    }
-    o.messages = capture.messages;
-    return o;
 }
 
 // ---------------------------------------------------------------- catalogue
@@ -918,7 +854,7 @@ TEST(BadInputOverflow, StoreRowsBeyondIntAreRefused) {
         {
             std::unique_ptr<CallArgs> c = model_call(e, model(1), series(1, kTime));
             Crafted sys(INT_MAX, 0), var(INT_MAX, INT_MAX);
-            const Outcome o = call_raw(e.name, c->args,
+            const Outcome o = call_crafted(e.name, c->args,
                                        {{e.data_index + 1, &sys}, {e.data_index + 2, &var}});
             ASSERT_TRUE(o.threw);
             EXPECT_EQ(o.number, zu::kErrorMessage);

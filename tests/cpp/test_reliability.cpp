@@ -33,21 +33,15 @@ using testutil::Args;
 using testutil::kNaN;
 using testutil::mat;
 using testutil::MessageCapture;
+using testutil::CallArgs;
+using testutil::Crafted;
+using testutil::Outcome;
+using testutil::call_crafted;
+using testutil::call_outcome;
 using zu::Value;
 
 // ------------------------------------------------------------ argument sets
 
-// Arguments together with the variables their references name. Held by
-// pointer so that the references stay valid.
-struct CallArgs {
-    std::deque<Value> vars;
-    Args args;
-    void add(Value v) { args.push_back(std::move(v)); }
-    void ref(Value initial = Value()) {
-        vars.push_back(std::move(initial));
-        args.push_back(Value::ref(vars.back()));
-    }
-};
 using MakeArgs = std::function<std::unique_ptr<CallArgs>()>;
 
 constexpr int kTime = 8;
@@ -175,29 +169,7 @@ std::map<std::string, std::map<std::string, Row>> &table() {
 const char *kind_name(Kind k) { return k == Kind::Matrix ? "matrix" : k == Kind::Flag ? "flag" : "none"; }
 
 // Calls once without injection; returns the result and messages.
-struct Outcome {
-    bool threw = false;
-    int number = -1;
-    std::string text;
-    Value result;
-    std::vector<std::string> messages;
-    std::vector<Value> refs;  // values of the reference targets after the call
-};
 
-Outcome run(const std::string &entry, CallArgs &c) {
-    Outcome o;
-    MessageCapture capture;
-    zu::set_seed(20261121);
-    try {
-        o.result = zu::call(entry, c.args);
-    } catch (const zu::Error &e) {
-        o.threw = true;
-        o.number = e.number();
-        o.text = e.what();
-    }
-    o.messages = capture.messages;
-    return o;
-}
 
 void expect_same_value(const Value &a, const Value &b, const std::string &what) {
     ASSERT_EQ(a.type(), b.type()) << what;
@@ -226,7 +198,7 @@ void sweep(const SweepCase &sc) {
 
     // The undisturbed call: the reference for the call that ends the sweep.
     std::unique_ptr<CallArgs> ref_args = sc.make();
-    Outcome reference = run(sc.entry, *ref_args);
+    Outcome reference = call_outcome(sc.entry, ref_args->args, 20261121);
     ASSERT_FALSE(reference.threw) << "undisturbed call raised: " << reference.text;
     // Only the banner prints in an undisturbed call.
     if (sc.entry != "LgmAbout") {
@@ -243,7 +215,7 @@ void sweep(const SweepCase &sc) {
         {
             std::unique_ptr<CallArgs> c = sc.make();
             zu::fail_allocation(k);
-            Outcome o = run(sc.entry, *c);
+            Outcome o = call_outcome(sc.entry, c->args, 20261121);
             delivered = zu::injected_failure_delivered();
             zu::fail_allocation(0);
             if (!delivered) {

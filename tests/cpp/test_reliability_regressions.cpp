@@ -24,45 +24,10 @@ namespace {
 using testutil::Args;
 using testutil::mat;
 using testutil::NoLeak;
+using testutil::Crafted;
+using testutil::Outcome;
+using testutil::call_crafted;
 using zu::Value;
-
-// A matrix value claiming rows x cols, owning nothing; its row pointers aim
-// at one small zero row.
-struct Crafted {
-    std::vector<double> row = std::vector<double>(8, 0.0);
-    std::vector<double *> rows = std::vector<double *>(8, nullptr);
-    ZuValue value{};
-    Crafted(int r, int c) {
-        for (double *&p : rows) p = row.data();
-        value.type = ZU_MATRIX;
-        value.v.mat.rows = r;
-        value.v.mat.cols = c;
-        value.v.mat.data = rows.data();
-    }
-};
-
-struct RawResult {
-    bool threw = false;
-    int number = -1;
-    std::string text;
-    Value result;
-};
-
-// Calls with the Values' contents, a crafted value standing at `at`.
-RawResult call_with(const std::string &name, Args &args, int at, Crafted &crafted) {
-    std::vector<ZuValue> raw;
-    for (Value &v : args) raw.push_back(*v.raw());
-    raw[at] = crafted.value;
-    RawResult r;
-    try {
-        r.result = zu::call(name, raw.data(), static_cast<int>(raw.size()));
-    } catch (const zu::Error &e) {
-        r.threw = true;
-        r.number = e.number();
-        r.text = e.what();
-    }
-    return r;
-}
 
 // Found by the fuzzer: AddLgmReg compared the rows of the caller's SysMat
 // with m + 1 in int, m being its column count (2^31-1 for a 0 x 2^31-1
@@ -95,7 +60,7 @@ TEST(OverflowRegressions, GetLgmRegWithIntMaxRegressorRows) {
     a.push_back(Value::matrix(1, 1));
     for (Value &v : t) a.push_back(Value::ref(v));
     Crafted x(INT_MAX, 0);
-    const RawResult r = call_with("GetLgmReg", a, 0, x);
+    const Outcome r = call_crafted("GetLgmReg", a, {{0, &x}});
     ASSERT_TRUE(r.threw);
     EXPECT_EQ(r.text, "GetLgmReg(): memory allocation failure");
 }
@@ -113,7 +78,7 @@ TEST(OverflowRegressions, AddLgmRegWithIntMaxRegressorRows) {
     a.push_back(Value::matrix(1, 1));
     for (Value &v : t) a.push_back(Value::ref(v));
     Crafted x(INT_MAX, 0);
-    const RawResult r = call_with("AddLgmReg", a, 0, x);
+    const Outcome r = call_crafted("AddLgmReg", a, {{0, &x}});
     ASSERT_TRUE(r.threw);
     EXPECT_EQ(r.number, zu::kErrorMemory);
     EXPECT_EQ(t[0].rows(), 2) << "the caller's model is kept";
@@ -128,18 +93,11 @@ TEST(OverflowRegressions, ModelCheckWithIntMaxObservationRows) {
     a.push_back(Value::matrix(1, 3));
     a.push_back(Value::matrix(1, 1));
     a.push_back(Value::matrix(1, 1));
-    std::vector<ZuValue> raw;
-    for (Value &v : a) raw.push_back(*v.raw());
     Crafted sys(INT_MAX, 0), var(INT_MAX, INT_MAX);
-    raw[1] = sys.value;
-    raw[2] = var.value;
     for (const char *entry : {"KalmanFil", "KalmanSmo", "LgmRecursion"}) {
-        try {
-            zu::call(entry, raw.data(), 3);
-            ADD_FAILURE() << entry << ": no error";
-        } catch (const zu::Error &e) {
-            EXPECT_EQ(std::string(e.what()), "Lgm(): model dimension too large") << entry;
-        }
+        const Outcome r = call_crafted(entry, a, {{1, &sys}, {2, &var}});
+        EXPECT_TRUE(r.threw) << entry;
+        EXPECT_EQ(r.text, "Lgm(): model dimension too large") << entry;
     }
 }
 
@@ -153,7 +111,7 @@ TEST(OverflowRegressions, KalmanSmoWithIntMaxTimePoints) {
     a.push_back(mat(2, 1, {1, 1}));
     a.push_back(mat(2, 2, {1, 0, 0, 1}));
     Crafted store(3, INT_MAX);
-    const RawResult r = call_with("KalmanSmo", a, 0, store);
+    const Outcome r = call_crafted("KalmanSmo", a, {{0, &store}});
     ASSERT_TRUE(r.threw);
     EXPECT_EQ(r.number, zu::kErrorMemory);
 }
@@ -169,17 +127,9 @@ TEST(OverflowRegressions, SimSmoDrawWithIntMaxTimePoints) {
     a.push_back(mat(2, 1, {1, 1}));
     a.push_back(mat(2, 2, {1, 0, 0, 1}));
     Crafted draws(1, INT_MAX), weights(3, INT_MAX), store(3, INT_MAX);
-    std::vector<ZuValue> raw;
-    for (Value &v : a) raw.push_back(*v.raw());
-    raw[1] = draws.value;
-    raw[2] = weights.value;
-    raw[3] = store.value;
-    try {
-        zu::call("SimSmoDraw", raw.data(), static_cast<int>(raw.size()));
-        ADD_FAILURE() << "no error";
-    } catch (const zu::Error &e) {
-        EXPECT_EQ(e.number(), zu::kErrorMemory) << e.what();
-    }
+    const Outcome r = call_crafted("SimSmoDraw", a, {{1, &draws}, {2, &weights}, {3, &store}});
+    EXPECT_TRUE(r.threw);
+    EXPECT_EQ(r.number, zu::kErrorMemory) << r.text;
 }
 
 // Found by review: the stationary variance of an ARMA block of order n

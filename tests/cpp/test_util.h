@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
+#include <deque>
 #include <functional>
 #include <limits>
 #include <random>
@@ -300,6 +302,77 @@ inline void fill_spd(HostMat &a, std::mt19937_64 &rng) {
             for (int k = 0; k < n; ++k) s += m[i][k] * m[j][k];
             a[i][j] = s;
         }
+}
+
+// ------------------------------------------------- calls with full outcome
+
+// Arguments together with the variables their references name. Held by
+// pointer (or in place) so that the references stay valid.
+struct CallArgs {
+    std::deque<Value> vars;
+    Args args;
+    void add(Value v) { args.push_back(std::move(v)); }
+    void ref(Value initial = Value()) {
+        vars.push_back(std::move(initial));
+        args.push_back(Value::ref(vars.back()));
+    }
+};
+
+// Everything a call produced: its error or result, and its messages.
+struct Outcome {
+    bool threw = false;
+    int number = -1;
+    std::string text;
+    Value result;
+    std::vector<std::string> messages;
+    std::vector<Value> refs;  // reference targets after the call, where a test keeps them
+};
+
+// Calls an entry point on a raw argument array (seeded, messages captured).
+inline Outcome call_outcome(const std::string &entry, ZuValue *args, int nargs,
+                            std::uint64_t seed = 7) {
+    Outcome o;
+    MessageCapture capture;
+    zu::set_seed(seed);
+    try {
+        o.result = zu::call(entry, args, nargs);
+    } catch (const zu::Error &e) {
+        o.threw = true;
+        o.number = e.number();
+        o.text = e.what();
+    }
+    o.messages = capture.messages;
+    return o;
+}
+inline Outcome call_outcome(const std::string &entry, Args &args, std::uint64_t seed = 7) {
+    return call_outcome(entry, reinterpret_cast<ZuValue *>(args.data()),
+                        static_cast<int>(args.size()), seed);
+}
+
+// A matrix value claiming rows x cols but owning nothing; its row pointers
+// aim at one small zero row, so that a wrong read stays bounded (and the
+// sanitizers see it). Only for values the checks must refuse before reading.
+struct Crafted {
+    std::vector<double> row = std::vector<double>(8, 0.0);
+    std::vector<double *> rows = std::vector<double *>(8, nullptr);
+    ZuValue value{};
+    Crafted(int r, int c) {
+        for (double *&p : rows) p = row.data();
+        value.type = ZU_MATRIX;
+        value.v.mat.rows = r;
+        value.v.mat.cols = c;
+        value.v.mat.data = rows.data();
+    }
+};
+
+// Calls with the Values' contents lent (the host must neither convert nor
+// free them), crafted values standing at the given positions.
+inline Outcome call_crafted(const std::string &entry, Args &owned,
+                            const std::vector<std::pair<int, Crafted *>> &crafted) {
+    std::vector<ZuValue> raw;
+    for (Value &v : owned) raw.push_back(*v.raw());
+    for (const auto &c : crafted) raw[c.first] = c.second->value;
+    return call_outcome(entry, raw.data(), static_cast<int>(raw.size()));
 }
 
 }  // namespace testutil
