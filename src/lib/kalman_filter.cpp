@@ -49,6 +49,16 @@ public:
         : usable_(allowed && mN <= kMaxOrder), m_(m), mN_(mN) {}
     bool usable() const { return usable_; }
 
+    // Before a step taken in full: a fully observed one may start or
+    // continue a cycle, any other breaks it.
+    void observe(bool missing, double **W1) {
+        if (!usable_) return;
+        if (missing)
+            broken();
+        else
+            before(W1);
+    }
+
     // A step that is not a full step with every element observed.
     void broken() {
         run_ = 0;
@@ -426,12 +436,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             continue;
         }
         steady = false;
-        if (steady_state.usable()) {
-            if (missing)
-                steady_state.broken();
-            else
-                steady_state.before(W1);
-        }
+        steady_state.observe(missing, W1);
         if constexpr (M > 0)
             small_prior<M>(sys, var, mean, Pl, Pb, W1, p);
         else
@@ -596,12 +601,7 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
             continue;
         }
         steady = false;
-        if (steady_state.usable()) {
-            if (missing)
-                steady_state.broken();
-            else
-                steady_state.before(W1);
-        }
+        steady_state.observe(missing, W1);
         step_prior(frame, m, mN, sys, var, mean, W1, W2, false);
 
         step_multi_innovations(N, m, t, y, p, W1, v);
