@@ -48,15 +48,9 @@ from .data import load_example
 
 __version__ = "3.0.0"
 
-__all__ = [
-    "EMPTY",
-    "Ref",
-    "ZuError",
-    "ZuMessage",
-    "call",
-    "capture_messages",
-    "set_seed",
-    "version",
+from . import _lowlevel
+
+__all__ = list(_lowlevel.__all__) + [
     # idiomatic API
     "Model", "ModelError", "NumericalError",
     "AR1", "AR2", "ButterworthCycle", "Component", "Cycle", "DummySeasonal", "Irregular",
