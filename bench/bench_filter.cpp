@@ -33,8 +33,14 @@ struct Workload {
     int m, N, n;
     Mat sys, var, y, W1, W2, store;
     Workload(int m_, int N_, int n_)
-        : m(m_), N(N_), n(n_), sys(m_ + N_, m_), var(m_ + N_, m_ + N_), y(N_, n_),
-          W1(m_ + N_ + 1, m_ + N_), W2(m_ + N_ + 2, m_ + N_),
+        : m(m_),
+          N(N_),
+          n(n_),
+          sys(m_ + N_, m_),
+          var(m_ + N_, m_ + N_),
+          y(N_, n_),
+          W1(m_ + N_ + 1, m_ + N_),
+          W2(m_ + N_ + 2, m_ + N_),
           store(N_ + N_ * (N_ + 1) / 2 + m_ * N_, n_) {}
     void data(unsigned seed) {
         std::mt19937_64 rng(seed);
@@ -103,8 +109,8 @@ void run(benchmark::State &state, Workload *w, bool with_store) {
                                 nullptr, nullptr, nullptr, nullptr, w->W1.p, w->W2.p,
                                 with_store ? w->store.p : nullptr, &ld, &ss, &cnt);
         else
-            ok = fMultiKalmanFil(w->N, w->n, w->y.p, w->m, w->sys.p, w->var.p, mean.data(),
-                                 nullptr, nullptr, nullptr, nullptr, nullptr, w->W1.p, w->W2.p,
+            ok = fMultiKalmanFil(w->N, w->n, w->y.p, w->m, w->sys.p, w->var.p, mean.data(), nullptr,
+                                 nullptr, nullptr, nullptr, nullptr, w->W1.p, w->W2.p,
                                  with_store ? w->store.p : nullptr, &ld, &ss, &cnt);
         benchmark::DoNotOptimize(ok);
         benchmark::DoNotOptimize(ld);
@@ -113,9 +119,15 @@ void run(benchmark::State &state, Workload *w, bool with_store) {
     delete w;
 }
 
-void BM_UnivLocalLevel(benchmark::State &s) { run(s, local_level(static_cast<int>(s.range(0))), s.range(1)); }
-void BM_UnivStructural(benchmark::State &s) { run(s, structural(static_cast<int>(s.range(0))), s.range(1)); }
-void BM_MultiN5m10(benchmark::State &s) { run(s, multivariate(static_cast<int>(s.range(0))), s.range(1)); }
+void BM_UnivLocalLevel(benchmark::State &s) {
+    run(s, local_level(static_cast<int>(s.range(0))), s.range(1));
+}
+void BM_UnivStructural(benchmark::State &s) {
+    run(s, structural(static_cast<int>(s.range(0))), s.range(1));
+}
+void BM_MultiN5m10(benchmark::State &s) {
+    run(s, multivariate(static_cast<int>(s.range(0))), s.range(1));
+}
 
 BENCHMARK(BM_UnivLocalLevel)->Args({100000, 0})->Args({100000, 1})->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_UnivStructural)->Args({10000, 0})->Args({10000, 1})->Unit(benchmark::kMillisecond);
@@ -194,19 +206,30 @@ void BM_FilterN5m10(benchmark::State &s) {
     run_internal(s, multivariate(static_cast<int>(s.range(0))), s.range(1), s.range(2));
 }
 BENCHMARK(BM_FilterLocalLevel)
-    ->Args({100000, 0, 0})->Args({100000, 0, 1})->Args({100000, 1, 1})
-    ->Args({1000, 1, 1})->Args({10000000, 1, 1})->Unit(benchmark::kMillisecond);
+    ->Args({100000, 0, 0})
+    ->Args({100000, 0, 1})
+    ->Args({100000, 1, 1})
+    ->Args({1000, 1, 1})
+    ->Args({10000000, 1, 1})
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FilterStructural)->Args({10000, 1, 1})->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_FilterN5m10)
-    ->Args({10000, 0, 0})->Args({10000, 0, 1})->Args({10000, 1, 1})->Unit(benchmark::kMillisecond);
+    ->Args({10000, 0, 0})
+    ->Args({10000, 0, 1})
+    ->Args({10000, 1, 1})
+    ->Unit(benchmark::kMillisecond);
 
 // The host products on the shapes of the recursions: the structural
 // SysMat (14 x 13, mostly zeros and ones) and a dense one (15 x 10).
 struct Products {
     Mat B, S, R;
     int rows, cols;
-    Products(Workload *w) : B(w->m + w->N, w->m), S(w->m + w->N, w->m + w->N),
-                             R(w->m + w->N, w->m + w->N), rows(w->m + w->N), cols(w->m) {
+    Products(Workload *w)
+        : B(w->m + w->N, w->m),
+          S(w->m + w->N, w->m + w->N),
+          R(w->m + w->N, w->m + w->N),
+          rows(w->m + w->N),
+          cols(w->m) {
         for (int i = 0; i < rows; ++i)
             for (int j = 0; j < cols; ++j) B[i][j] = w->sys[i][j];
         for (int i = 0; i < rows; ++i)
@@ -282,7 +305,8 @@ std::vector<zu::Value> model_args(Workload *w) {
     return args;
 }
 void BM_LgmMomentEstSmoothed(benchmark::State &state) {
-    std::vector<zu::Value> model = model_args(state.range(0) ? structural(10000) : multivariate(10000));
+    std::vector<zu::Value> model =
+        model_args(state.range(0) ? structural(10000) : multivariate(10000));
     zu::Value moments;
     std::vector<zu::Value> args;
     args.push_back(zu::Value::integer(1));

@@ -45,24 +45,54 @@ namespace {
 
 using zu::Value;
 
-const char *const kEntries[] = {
-    "LgmVersion",   "LgmAbout",     "LgmWarning", "KalmanFil", "LgmLik",      "LgmLikConc",
-    "LgmRecursion", "KalmanSmo",    "LgmMomentEst", "LgmLikSco", "SimSmoWgt", "SimSmoDraw",
-    "LgmCondDens",  "LgmWeights",   "GetLgmArma", "GetLgmStsm", "GetLgmReg",  "AddLgmReg",
-    "GetLgmSpline"};
+const char *const kEntries[] = {"LgmVersion",   "LgmAbout",   "LgmWarning",   "KalmanFil",
+                                "LgmLik",       "LgmLikConc", "LgmRecursion", "KalmanSmo",
+                                "LgmMomentEst", "LgmLikSco",  "SimSmoWgt",    "SimSmoDraw",
+                                "LgmCondDens",  "LgmWeights", "GetLgmArma",   "GetLgmStsm",
+                                "GetLgmReg",    "AddLgmReg",  "GetLgmSpline"};
 constexpr int kEntryCount = sizeof kEntries / sizeof kEntries[0];
 
 constexpr long kMaxElements = 2048;
 
 const double kNaN = std::numeric_limits<double>::quiet_NaN();
 const double kInf = std::numeric_limits<double>::infinity();
-const double kSpecial[] = {0.0,      1.0,      -1.0,     0.5,     -0.5,      2.9,     -2.9,
-                           2.0,      3.0,      4.0,      5.0,     6.0,       7.0,     12.0,
-                           19.0,     20.0,     1e-300,   -1e-300, 5e-324,    1e300,   -1e300,
-                           1.7976931348623157e308,     -1.7976931348623157e308,      kInf,
-                           -kInf,    kNaN,     -kNaN,    2147483647.0,       2147483648.0,
-                           -2147483648.0,      -2147483649.0,      1e10,    -1e10,   0.999999,
-                           1.000001, 1e-8,     9999999.99};
+const double kSpecial[] = {0.0,
+                           1.0,
+                           -1.0,
+                           0.5,
+                           -0.5,
+                           2.9,
+                           -2.9,
+                           2.0,
+                           3.0,
+                           4.0,
+                           5.0,
+                           6.0,
+                           7.0,
+                           12.0,
+                           19.0,
+                           20.0,
+                           1e-300,
+                           -1e-300,
+                           5e-324,
+                           1e300,
+                           -1e300,
+                           1.7976931348623157e308,
+                           -1.7976931348623157e308,
+                           kInf,
+                           -kInf,
+                           kNaN,
+                           -kNaN,
+                           2147483647.0,
+                           2147483648.0,
+                           -2147483648.0,
+                           -2147483649.0,
+                           1e10,
+                           -1e10,
+                           0.999999,
+                           1.000001,
+                           1e-8,
+                           9999999.99};
 constexpr int kSpecialCount = sizeof kSpecial / sizeof kSpecial[0];
 const int kSpecialInt[] = {0, 1, 2, 3, 4, 5, 6, -1, -2, 7, 100, INT_MAX, INT_MIN, INT_MAX - 1};
 constexpr int kSpecialIntCount = sizeof kSpecialInt / sizeof kSpecialInt[0];
@@ -114,12 +144,24 @@ public:
             for (int j = 0; j < cols; ++j) {
                 double x;
                 switch (style % 6) {
-                case 0: x = (i == j) ? 1.0 : 0.0; break;
-                case 1: x = kSpecial[(i * 7 + j * 3 + style) % kSpecialCount]; break;
-                case 2: x = (static_cast<int>(u8()) - 128) / 32.0; break;
-                case 3: x = real(); break;
-                case 4: x = (i == j) ? real() : 0.0; break;
-                default: x = static_cast<double>(static_cast<int>(u8() % 9) - 2); break;  // index-like
+                    case 0:
+                        x = (i == j) ? 1.0 : 0.0;
+                        break;
+                    case 1:
+                        x = kSpecial[(i * 7 + j * 3 + style) % kSpecialCount];
+                        break;
+                    case 2:
+                        x = (static_cast<int>(u8()) - 128) / 32.0;
+                        break;
+                    case 3:
+                        x = real();
+                        break;
+                    case 4:
+                        x = (i == j) ? real() : 0.0;
+                        break;
+                    default:
+                        x = static_cast<double>(static_cast<int>(u8() % 9) - 2);
+                        break;  // index-like
                 }
                 d[i][j] = x;
             }
@@ -143,11 +185,13 @@ public:
             *rows = 1 + u8() % 65536;
             *cols = 0;
         }
-        if (static_cast<long>(*rows) * *cols > kMaxElements) *cols = static_cast<int>(kMaxElements / (*rows ? *rows : 1));
+        if (static_cast<long>(*rows) * *cols > kMaxElements)
+            *cols = static_cast<int>(kMaxElements / (*rows ? *rows : 1));
     }
 
     Value matrix(int rows, int cols) {
-        if (static_cast<long>(rows) * cols > kMaxElements) cols = static_cast<int>(kMaxElements / (rows ? rows : 1));
+        if (static_cast<long>(rows) * cols > kMaxElements)
+            cols = static_cast<int>(kMaxElements / (rows ? rows : 1));
         Value v = Value::matrix(rows, cols);
         fill(v);
         return v;
@@ -162,11 +206,16 @@ public:
     // A value of any type except a reference.
     Value plain() {
         switch (u8() % 6) {
-        case 0: return Value::integer(integer());
-        case 1: return Value::real(real());
-        case 2: return Value::empty();
-        case 3: return Value();  // nothing
-        default: return any_matrix();
+            case 0:
+                return Value::integer(integer());
+            case 1:
+                return Value::real(real());
+            case 2:
+                return Value::empty();
+            case 3:
+                return Value();  // nothing
+            default:
+                return any_matrix();
         }
     }
 
@@ -203,9 +252,9 @@ struct ModelEntry {
     int mode;
 };
 const ModelEntry kModelEntries[] = {
-    {"KalmanFil", 0, 0},    {"LgmLik", 2, 0},     {"LgmLikConc", 2, 0}, {"LgmRecursion", 0, 2},
-    {"KalmanSmo", 0, 1},    {"LgmMomentEst", 2, 0}, {"LgmLikSco", 2, 0}, {"SimSmoWgt", 1, 1},
-    {"SimSmoDraw", 3, 1},   {"LgmCondDens", 1, 0}, {"LgmWeights", 1, 0}};
+    {"KalmanFil", 0, 0},  {"LgmLik", 2, 0},       {"LgmLikConc", 2, 0}, {"LgmRecursion", 0, 2},
+    {"KalmanSmo", 0, 1},  {"LgmMomentEst", 2, 0}, {"LgmLikSco", 2, 0},  {"SimSmoWgt", 1, 1},
+    {"SimSmoDraw", 3, 1}, {"LgmCondDens", 1, 0},  {"LgmWeights", 1, 0}};
 
 const ModelEntry *model_entry(const std::string &name) {
     for (const ModelEntry &e : kModelEntries)
@@ -237,8 +286,8 @@ void model_arguments(Decoder &d, Call &c, const ModelEntry &e) {
     if (name == "LgmLikSco" && d.u8() % 2) leading = 3;
     for (int k = 0; k < leading; ++k) {
         const std::uint8_t how = d.u8();
-        const bool selection_slot = (k == 0) && (name == "LgmMomentEst" || name == "LgmCondDens" ||
-                                                 name == "LgmWeights");
+        const bool selection_slot =
+            (k == 0) && (name == "LgmMomentEst" || name == "LgmCondDens" || name == "LgmWeights");
         if (selection_slot && how < 200) {
             c.args.push_back(Value::integer(d.integer()));
         } else if ((name == "SimSmoWgt" || name == "SimSmoDraw") && how < 200) {
@@ -275,7 +324,8 @@ void model_arguments(Decoder &d, Call &c, const ModelEntry &e) {
                 for (int col = 0; col < idx.cols(); ++col) {
                     const std::uint8_t e = d.u8();
                     double x = -1.0;
-                    if (e >= 176) x = static_cast<double>(e % (tv_rows + 1));  // one past the end at times
+                    if (e >= 176)
+                        x = static_cast<double>(e % (tv_rows + 1));  // one past the end at times
                     if (e >= 250) x = e == 255 ? -0.5 : e == 254 ? 2147483648.0 : x + 0.9;
                     idx.at(r, col) = x;
                 }
@@ -314,7 +364,8 @@ void builder_arguments(Decoder &d, Call &c, const std::string &name) {
         const int cols = d.u8() % 7;
         Value t = Value::matrix(rows, cols);
         for (int i = 0; i < rows; ++i)
-            for (int j = 0; j < cols; ++j) t.at(i, j) = j == 0 ? static_cast<double>(d.u8() % 22) - 1 : d.real();
+            for (int j = 0; j < cols; ++j)
+                t.at(i, j) = j == 0 ? static_cast<double>(d.u8() % 22) - 1 : d.real();
         c.args.push_back(std::move(t));
         const int refs = 3 + d.u8() % 2;
         for (int k = 0; k < refs; ++k) c.ref(Value());
@@ -353,8 +404,9 @@ void bound_costs(const std::string &name, std::vector<Value> &args) {
             if (v.type() != ZU_MATRIX || (v.rows() != 1 && v.cols() != 1)) continue;
             if (static_cast<long>(v.rows()) * v.cols() <= 12) continue;
             Value shorter = Value::matrix(v.rows() == 1 ? 1 : 12, v.rows() == 1 ? 12 : 1);
-            for (int e = 0; e < 12; ++e) shorter.data()[v.rows() == 1 ? 0 : e][v.rows() == 1 ? e : 0] =
-                v.rows() == 1 ? v.at(0, e) : v.at(e, 0);
+            for (int e = 0; e < 12; ++e)
+                shorter.data()[v.rows() == 1 ? 0 : e][v.rows() == 1 ? e : 0] =
+                    v.rows() == 1 ? v.at(0, e) : v.at(e, 0);
             v = std::move(shorter);
         }
     } else if (args.empty() || args[0].type() != ZU_MATRIX) {
@@ -370,7 +422,8 @@ void bound_costs(const std::string &name, std::vector<Value> &args) {
             }
     } else if (name == "GetLgmReg" || name == "AddLgmReg") {
         // k regressor rows give results of (m+k+1)^2 doubles.
-        if (args[0].rows() > 256) args[0] = Value::matrix(args[0].rows() % 257, args[0].cols() ? 1 : 0);
+        if (args[0].rows() > 256)
+            args[0] = Value::matrix(args[0].rows() % 257, args[0].cols() ? 1 : 0);
     }
 }
 
@@ -384,7 +437,8 @@ void check_value(const Value &v, const char *what) {
     const int type = v.type();
     bool ok = type == ZU_NONE || type == ZU_INT || type == ZU_DOUBLE || type == ZU_MATRIX;
     if (ok && type == ZU_MATRIX)
-        ok = v.rows() >= 0 && v.cols() >= 0 && (v.data() != nullptr || (v.rows() == 0 && v.cols() == 0));
+        ok = v.rows() >= 0 && v.cols() >= 0 &&
+             (v.data() != nullptr || (v.rows() == 0 && v.cols() == 0));
     if (!ok) {
         std::fprintf(stderr, "fuzz: malformed %s (type %d)\n", what, type);
         std::abort();

@@ -24,7 +24,8 @@ long run_file(const std::string &path) {
         std::fprintf(stderr, "fuzz_replay: cannot read %s\n", path.c_str());
         return 0;
     }
-    const std::vector<char> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const std::vector<char> bytes((std::istreambuf_iterator<char>(in)),
+                                  std::istreambuf_iterator<char>());
     LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size());
     return 1;
 }

@@ -55,7 +55,7 @@ class ZU_HOST_API Value {
 public:
     Value() noexcept;  // holds nothing (ZU_NONE)
     ~Value();
-    Value(const Value &other);             // deep copy (a reference copies its target pointer)
+    Value(const Value &other);  // deep copy (a reference copies its target pointer)
     Value &operator=(const Value &other);
     Value(Value &&other) noexcept;
     Value &operator=(Value &&other) noexcept;
@@ -73,15 +73,15 @@ public:
 
     int type() const noexcept { return v_.type; }
     bool is_none() const noexcept { return v_.type == ZU_NONE; }
-    int as_int() const;         // throws zu::Error unless ZU_INT
-    double as_double() const;   // ZU_DOUBLE or ZU_INT
-    int rows() const;           // throws unless ZU_MATRIX
+    int as_int() const;        // throws zu::Error unless ZU_INT
+    double as_double() const;  // ZU_DOUBLE or ZU_INT
+    int rows() const;          // throws unless ZU_MATRIX
     int cols() const;
-    double **data() const;      // row pointers of a matrix (null when empty)
-    double at(int r, int c) const;        // bounds-checked element
+    double **data() const;          // row pointers of a matrix (null when empty)
+    double at(int r, int c) const;  // bounds-checked element
     double &at(int r, int c);
     std::vector<double> to_vector() const;  // row-major copy of a matrix
-    Value &target() const;       // referenced value; throws unless ZU_REF
+    Value &target() const;                  // referenced value; throws unless ZU_REF
 
     ZuValue *raw() noexcept { return &v_; }
     const ZuValue *raw() const noexcept { return &v_; }

@@ -110,10 +110,9 @@ int fMultiKalmanFil(int N, int n, double **y, int m, double **sys, double **var,
 /* Single-series Kalman filter; y has n values; W1 (m+2) x (m+1),
  * W2 (m+3) x (m+1); store optional (m+2) x n. Returns 1, or 0 when some F is
  * exactly 0 or cnt < 1. */
-int fUnivKalmanFil(int n, double *y, int m, double **sys, double **var, double *mean,
-                   int **sysidx, int **varidx, int *meanidx, double **tvdata, double **init,
-                   double **W1, double **W2, double **store, double *dLogDet, double *dSumSq,
-                   int *cnt);
+int fUnivKalmanFil(int n, double *y, int m, double **sys, double **var, double *mean, int **sysidx,
+                   int **varidx, int *meanidx, double **tvdata, double **init, double **W1,
+                   double **W2, double **store, double *dLogDet, double *dSumSq, int *cnt);
 /* States and observations implied by disturbances u ((m+N) x (nsteps+1));
  * out (m+N) x (nsteps+1); work 3 x (m+N) with the mean in row 2; list is the
  * compact index list or null. Returns 1. */

@@ -32,14 +32,14 @@ extern "C" {
 typedef struct ZuValue {
     int type;
     union {
-        int ival;                 /* ZU_INT */
-        double dval;              /* ZU_DOUBLE */
+        int ival;    /* ZU_INT */
+        double dval; /* ZU_DOUBLE */
         struct {
-            int rows;             /* ZU_MATRIX: row count */
-            int cols;             /* column count */
-            double **data;        /* row pointers; null for an empty matrix */
+            int rows;      /* ZU_MATRIX: row count */
+            int cols;      /* column count */
+            double **data; /* row pointers; null for an empty matrix */
         } mat;
-        struct ZuValue *ref;      /* ZU_REF: the referenced caller variable */
+        struct ZuValue *ref; /* ZU_REF: the referenced caller variable */
     } v;
 } ZuValue;
 

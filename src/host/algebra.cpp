@@ -19,8 +19,9 @@ class Scratch {
 public:
     // n < 0 asks for nothing (ok() is false).
     explicit Scratch(int n)
-        : p_(n < 0 ? nullptr
-                   : n <= kStack ? stack_ : static_cast<T *>(std::malloc(sizeof(T) * std::size_t(n)))) {}
+        : p_(n < 0         ? nullptr
+             : n <= kStack ? stack_
+                           : static_cast<T *>(std::malloc(sizeof(T) * std::size_t(n)))) {}
     ~Scratch() {
         if (p_ != stack_) std::free(p_);  // free(nullptr) is fine
     }
@@ -597,8 +598,8 @@ int IMatRank(double **A, int rows, int cols, double tol) {
     // plenty fast for the sizes involved.
     if (rows <= 0 || cols <= 0) return 0;
     const bool wide = cols > rows;
-    const int m = wide ? cols : rows;  // length of a column of the copy
-    const int n = wide ? rows : cols;  // number of columns of the copy
+    const int m = wide ? cols : rows;                        // length of a column of the copy
+    const int n = wide ? rows : cols;                        // number of columns of the copy
     std::vector<double> c(std::size_t(m) * std::size_t(n));  // column-major
     for (int i = 0; i < rows; ++i)
         for (int j = 0; j < cols; ++j) {
@@ -621,10 +622,12 @@ int IMatRank(double **A, int rows, int cols, double tol) {
                     beta += cq[i] * cq[i];
                     gamma += cp[i] * cq[i];
                 }
-                if (gamma == 0.0 || std::fabs(gamma) <= DBL_EPSILON * std::sqrt(alpha * beta)) continue;
+                if (gamma == 0.0 || std::fabs(gamma) <= DBL_EPSILON * std::sqrt(alpha * beta))
+                    continue;
                 rotated = true;
                 const double zeta = (beta - alpha) / (2.0 * gamma);
-                const double t = (zeta >= 0.0 ? 1.0 : -1.0) / (std::fabs(zeta) + std::sqrt(1.0 + zeta * zeta));
+                const double t =
+                    (zeta >= 0.0 ? 1.0 : -1.0) / (std::fabs(zeta) + std::sqrt(1.0 + zeta * zeta));
                 const double cs = 1.0 / std::sqrt(1.0 + t * t);
                 const double sn = cs * t;
                 for (int i = 0; i < m; ++i) {

@@ -13,12 +13,18 @@ namespace {
 
 const char *type_name(int type) {
     switch (type) {
-        case ZU_NONE: return "nothing";
-        case ZU_INT: return "integer";
-        case ZU_DOUBLE: return "double";
-        case ZU_MATRIX: return "matrix";
-        case ZU_REF: return "reference";
-        default: return "unknown type";
+        case ZU_NONE:
+            return "nothing";
+        case ZU_INT:
+            return "integer";
+        case ZU_DOUBLE:
+            return "double";
+        case ZU_MATRIX:
+            return "matrix";
+        case ZU_REF:
+            return "reference";
+        default:
+            return "unknown type";
     }
 }
 
@@ -63,10 +69,14 @@ bool exact_int(double x) {
 bool convertible(const ZuValue &v, int type) {
     if (v.type == type) return true;
     switch (type) {
-        case ZU_DOUBLE: return v.type == ZU_INT;
-        case ZU_INT: return v.type == ZU_DOUBLE && exact_int(v.v.dval);
-        case ZU_MATRIX: return v.type == ZU_INT || v.type == ZU_DOUBLE;
-        default: return false;  // references and anything else: no conversion
+        case ZU_DOUBLE:
+            return v.type == ZU_INT;
+        case ZU_INT:
+            return v.type == ZU_DOUBLE && exact_int(v.v.dval);
+        case ZU_MATRIX:
+            return v.type == ZU_INT || v.type == ZU_DOUBLE;
+        default:
+            return false;  // references and anything else: no conversion
     }
 }
 
@@ -102,8 +112,8 @@ void ZuLibCheckType(int type, ZuValue *args, int first, int last) {
         zu::require_present(args, i, zu::kErrorType);
         const ZuValue *v = &args[i];
         if (zu::convertible(*v, type)) continue;
-        std::string text = zu::arg_prefix(args, i) + "expected " + zu::type_text(type) + ", found " +
-                           zu::type_text(v->type);
+        std::string text = zu::arg_prefix(args, i) + "expected " + zu::type_text(type) +
+                           ", found " + zu::type_text(v->type);
         if (type == ZU_INT && v->type == ZU_DOUBLE) text += " that is not an integer";
         throw zu::Error(zu::kErrorType, text);
     }
@@ -115,10 +125,11 @@ void ZuLibCheckMatrixSize(ZuValue *args, int first, int last, int rows, int cols
         zu::require_present(args, i, zu::kErrorSize);
         ZuValue *v = &args[i];
         if (v->type == ZU_INT || v->type == ZU_DOUBLE) zu::scalar_to_matrix(v);
-        const std::string expected = "expected " + std::to_string(rows) + " x " +
-                                     std::to_string(cols) + " matrix, found ";
+        const std::string expected =
+            "expected " + std::to_string(rows) + " x " + std::to_string(cols) + " matrix, found ";
         if (v->type != ZU_MATRIX)
-            throw zu::Error(zu::kErrorSize, zu::arg_prefix(args, i) + expected + zu::type_text(v->type));
+            throw zu::Error(zu::kErrorSize,
+                            zu::arg_prefix(args, i) + expected + zu::type_text(v->type));
         if (v->v.mat.rows != rows || v->v.mat.cols != cols)
             throw zu::Error(zu::kErrorSize, zu::arg_prefix(args, i) + expected +
                                                 std::to_string(v->v.mat.rows) + " x " +

@@ -43,9 +43,7 @@ void ZuRunError(int number, const char *token) {
     throw zu::Error(number, text);
 }
 
-void ZuRunErrorMessage(const char *text) {
-    throw zu::Error(zu::kErrorMessage, text ? text : "");
-}
+void ZuRunErrorMessage(const char *text) { throw zu::Error(zu::kErrorMessage, text ? text : ""); }
 
 void ZuRunMessage(const char *text) {
     const char *t = text ? text : "";

@@ -11,16 +11,15 @@
 namespace zu {
 namespace {
 
-std::string g_function;          // Zu name of the entry point being called
-ZuValue *g_args = nullptr;        // its argument array
+std::string g_function;     // Zu name of the entry point being called
+ZuValue *g_args = nullptr;  // its argument array
 int g_nargs = 0;
-void *g_handle = nullptr;         // libtessel.so, once opened
+void *g_handle = nullptr;  // libtessel.so, once opened
 
 // Path of the shared object holding this code (libzuhost.so).
 std::string own_path() {
     Dl_info info;
-    if (dladdr(reinterpret_cast<void *>(&own_path), &info) && info.dli_fname)
-        return info.dli_fname;
+    if (dladdr(reinterpret_cast<void *>(&own_path), &info) && info.dli_fname) return info.dli_fname;
     return std::string();
 }
 

@@ -57,9 +57,7 @@ std::uint64_t next_u64(Generator &g) {
 }
 
 // Uniform on (-1, 1) with 53-bit resolution.
-double next_signed_unit(Generator &g) {
-    return double(next_u64(g) >> 11) * 0x1.0p-52 - 1.0;
-}
+double next_signed_unit(Generator &g) { return double(next_u64(g) >> 11) * 0x1.0p-52 - 1.0; }
 
 }  // namespace
 

@@ -77,7 +77,8 @@ void **alloc_rows(StorageKind kind, int rows, int cols, int elemsize) {
     char *elems = base + ptr_bytes;
     const std::size_t stride = static_cast<std::size_t>(cols) * static_cast<std::size_t>(elemsize);
     for (int r = 0; r < rows; ++r)
-        ptrs[r] = (cols > 0 && elemsize > 0) ? elems + static_cast<std::size_t>(r) * stride : nullptr;
+        ptrs[r] =
+            (cols > 0 && elemsize > 0) ? elems + static_cast<std::size_t>(r) * stride : nullptr;
     ++live_counter(kind);
     return ptrs;
 }
@@ -160,7 +161,8 @@ void ZuHeapFree(void *p) {
     if (!p) return;
     Header *h = reinterpret_cast<Header *>(static_cast<char *>(p) - kHeader);
     if (h->magic != kMagic || h->kind != kHeapKind) {
-        std::fprintf(stderr, "tessel host: ZuHeapFree of memory it did not hand out (or already freed)\n");
+        std::fprintf(stderr,
+                     "tessel host: ZuHeapFree of memory it did not hand out (or already freed)\n");
         std::abort();
     }
     h->magic = kDead;

@@ -33,7 +33,8 @@ void copy_matrix(ZuValue &dst, const ZuValue &src) {
         if (!data) throw Error(kErrorMemory, detail::out_of_memory_text());
         if (cols > 0)
             for (int r = 0; r < rows; ++r)
-                std::memcpy(data[r], src.v.mat.data[r], sizeof(double) * static_cast<std::size_t>(cols));
+                std::memcpy(data[r], src.v.mat.data[r],
+                            sizeof(double) * static_cast<std::size_t>(cols));
     }
     set_none(dst);
     dst.type = ZU_MATRIX;
@@ -102,8 +103,8 @@ Value Value::real(double x) {
 
 Value Value::matrix(int rows, int cols) {
     if (rows < 0 || cols < 0)
-        throw Error(kErrorSize, "negative matrix size " + std::to_string(rows) + " x " +
-                                    std::to_string(cols));
+        throw Error(kErrorSize,
+                    "negative matrix size " + std::to_string(rows) + " x " + std::to_string(cols));
     Value v;
     ZuLibValMatMalloc(&v.v_, rows, cols);
     if (!v.v_.v.mat.data && (rows > 0 || cols > 0))
@@ -116,7 +117,8 @@ Value Value::matrix(int rows, int cols, const std::vector<double> &rowmajor) {
     const std::size_t want = static_cast<std::size_t>(rows) * static_cast<std::size_t>(cols);
     if (rowmajor.size() != want)
         throw Error(kErrorSize, std::to_string(rowmajor.size()) + " values given for a " +
-                                    std::to_string(rows) + " x " + std::to_string(cols) + " matrix");
+                                    std::to_string(rows) + " x " + std::to_string(cols) +
+                                    " matrix");
     if (want > 0) std::memcpy(v.v_.v.mat.data[0], rowmajor.data(), want * sizeof(double));
     return v;
 }

@@ -116,8 +116,8 @@ TESSEL_EXPORT void FnLgmCondDens(ZuValue *rtn, ZuValue *args, int nargs) {
     Block W1, W2, store, D, wgt, G;
     Buffer<int> flags;
     const bool work_ok =
-        model.open(true) && W1.alloc(p + 1, p) && W2.alloc(p + 2, p) &&
-        store.alloc(model.S, n) && D.alloc(fit_size(2LL * p), fit_size(n + 1LL)) &&
+        model.open(true) && W1.alloc(p + 1, p) && W2.alloc(p + 2, p) && store.alloc(model.S, n) &&
+        D.alloc(fit_size(2LL * p), fit_size(n + 1LL)) &&
         (!simulate || (wgt.alloc(fit_size((p + (q + 1) * 0.5) * q), fit_size(n + 1LL)) &&
                        flags.alloc(p) && G.alloc(q, q)));
     if (!work_ok) code = kAllocFailed;
@@ -131,8 +131,8 @@ TESSEL_EXPORT void FnLgmCondDens(ZuValue *rtn, ZuValue *args, int nargs) {
         model.fill_mean(mean);
         const int ok =
             N == 1 ? fUnivKalmanFil(n, y ? y[0] : nullptr, m, sys, var, mean, model.sysidx,
-                                    model.varidx, model.meanidx, model.tvdata, model.init,
-                                    W1.get(), W2.get(), store.get(), nullptr, nullptr, nullptr)
+                                    model.varidx, model.meanidx, model.tvdata, model.init, W1.get(),
+                                    W2.get(), store.get(), nullptr, nullptr, nullptr)
                    : fMultiKalmanFil(N, n, y, m, sys, var, mean, model.sysidx, model.varidx,
                                      model.meanidx, model.tvdata, model.init, W1.get(), W2.get(),
                                      store.get(), nullptr, nullptr, nullptr);
@@ -150,13 +150,12 @@ TESSEL_EXPORT void FnLgmCondDens(ZuValue *rtn, ZuValue *args, int nargs) {
 
     if (code == kOk && simulate) {
         count_drawable(model.block[1].v.mat.data, m, p, flags.get());
-        const int rc =
-            N == 1 ? iUnivSimSmoWgt(n, m, sys, var, model.sysidx, model.varidx, model.tvdata,
-                                    W1.get(), W2.get(), store.get(), q, flags.get(), G.get(),
-                                    wgt.get())
-                   : iMultiSimSmoWgt(N, n, m, sys, var, model.sysidx, model.varidx, model.tvdata,
-                                     W1.get(), W2.get(), store.get(), q, flags.get(), G.get(),
-                                     wgt.get());
+        const int rc = N == 1 ? iUnivSimSmoWgt(n, m, sys, var, model.sysidx, model.varidx,
+                                               model.tvdata, W1.get(), W2.get(), store.get(), q,
+                                               flags.get(), G.get(), wgt.get())
+                              : iMultiSimSmoWgt(N, n, m, sys, var, model.sysidx, model.varidx,
+                                                model.tvdata, W1.get(), W2.get(), store.get(), q,
+                                                flags.get(), G.get(), wgt.get());
         if (rc != 0) {
             code = 0;
         } else {
@@ -171,37 +170,37 @@ TESSEL_EXPORT void FnLgmCondDens(ZuValue *rtn, ZuValue *args, int nargs) {
                                D.get());
             else
                 MultiSimSmoDraw(N, n, m, sys, var, model.sysidx, model.varidx, model.tvdata,
-                                W1.get(), W2.get(), store.get(), q, flags.get(), G.get(),
-                                wgt.get(), D.get(), D.get());
+                                W1.get(), W2.get(), store.get(), q, flags.get(), G.get(), wgt.get(),
+                                D.get(), D.get());
         }
     }
 
     if (code == kOk) {
         switch (selection) {
-        case 1:
-            LgmSignalSmo(1, N, n, m, sys, var, mean, model.sysidx, model.varidx, model.meanidx,
-                         model.tvdata, model.init, W2.get(), D.get(), out);
-            break;
-        case 3:
-            for (int t = 0; t < n; ++t)
-                for (int i = 0; i < p; ++i) {
-                    double s = 0.0;
-                    for (int k = 0; k < p; ++k) s += var_at(model, var, i, k, t) * D[k][t + 1];
-                    out[i][t] = s;
-                }
-            break;
-        case 2:
-        case 4:
-            LgmSignalSmo(0, N, n, m, sys, var, mean, model.sysidx, model.varidx, model.meanidx,
-                         model.tvdata, model.init, W2.get(), D.get(), out);
-            if (selection == 4)
-                for (int t = 0; t < n; ++t) {
-                    for (int j = 0; j < m; ++j) out[j][t] = D[j][t + 1];
-                    for (int i = 0; i < N; ++i) out[m + i][t] = y[i][t] - out[m + i][t];
-                }
-            break;
-        default:
-            break;
+            case 1:
+                LgmSignalSmo(1, N, n, m, sys, var, mean, model.sysidx, model.varidx, model.meanidx,
+                             model.tvdata, model.init, W2.get(), D.get(), out);
+                break;
+            case 3:
+                for (int t = 0; t < n; ++t)
+                    for (int i = 0; i < p; ++i) {
+                        double s = 0.0;
+                        for (int k = 0; k < p; ++k) s += var_at(model, var, i, k, t) * D[k][t + 1];
+                        out[i][t] = s;
+                    }
+                break;
+            case 2:
+            case 4:
+                LgmSignalSmo(0, N, n, m, sys, var, mean, model.sysidx, model.varidx, model.meanidx,
+                             model.tvdata, model.init, W2.get(), D.get(), out);
+                if (selection == 4)
+                    for (int t = 0; t < n; ++t) {
+                        for (int j = 0; j < m; ++j) out[j][t] = D[j][t + 1];
+                        for (int i = 0; i < N; ++i) out[m + i][t] = y[i][t] - out[m + i][t];
+                    }
+                break;
+            default:
+                break;
         }
     }
 

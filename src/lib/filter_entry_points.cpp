@@ -92,8 +92,8 @@ TESSEL_EXPORT void FnLgmLikConc(ZuValue *rtn, ZuValue *args, int nargs) {
     // Written only when the filter succeeded.
     if (run.code == kOk) {
         const double sigma2 = run.dSumSq;
-        const double loglik = -0.5 * (run.cnt * std::log(kTwoPi) + run.dLogDet +
-                                      run.cnt * (std::log(sigma2) + 1.0));
+        const double loglik =
+            -0.5 * (run.cnt * std::log(kTwoPi) + run.dLogDet + run.cnt * (std::log(sigma2) + 1.0));
         set_ref_double(&args[0], loglik);
         set_ref_double(&args[1], sigma2);
     }

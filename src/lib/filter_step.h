@@ -21,7 +21,7 @@ namespace tessel {
 
 struct StepFrame {
     enum { kMaxOrder = 64, kMaxEntries = 1024, kMaxScratch = 2048 };
-    bool ok = false;       // pattern built; false -> dense host routines
+    bool ok = false;  // pattern built; false -> dense host routines
     int rows = 0, cols = 0;
     int start[kMaxOrder + 1];
     bool dense[kMaxOrder];  // row with every column present
@@ -32,10 +32,10 @@ struct StepFrame {
     bool var_all = true;
     int nvar = 0;
     int var_at[kMaxEntries];
-    bool rowwise = false;   // most rows full: register-blocked dense products
-    bool st_fixed = false;  // St built once (SysMat fixed over time)
-    double X[kMaxScratch];  // SysMat P, row by row
-    double St[kMaxScratch]; // SysMat', m x mN, for the dense products
+    bool rowwise = false;    // most rows full: register-blocked dense products
+    bool st_fixed = false;   // St built once (SysMat fixed over time)
+    double X[kMaxScratch];   // SysMat P, row by row
+    double St[kMaxScratch];  // SysMat', m x mN, for the dense products
 };
 
 // Finds the pattern of the (mN x m) SysMat, and that of VarMat when it is
@@ -180,8 +180,8 @@ __attribute__((always_inline)) inline void step_combine_rows(double *x, const do
 __attribute__((always_inline)) inline void step_combine_rows2(double *x0, double *x1,
                                                               const double *coef0,
                                                               const double *coef1,
-                                                              double *const *rows, int n,
-                                                              int off, int len) {
+                                                              double *const *rows, int n, int off,
+                                                              int len) {
     int c = 0;
     for (; c + 8 <= len; c += 8) {
         step_v2 a0 = {0.0, 0.0}, a1 = a0, a2 = a0, a3 = a0, b0 = a0, b1 = a0, b2 = a0, b3 = a0;
@@ -359,8 +359,8 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
 // usable and by the host's dense routines otherwise: p = mean + SysMat a
 // (W2 row mN), Pbar = SysMat P SysMat' + VarMat (W1 top block). With
 // keep_product, W2's top block receives SysMat P SysMat' as well.
-inline void step_prior(StepFrame &f, int m, int mN, double **sys, double **var,
-                       const double *mean, double **W1, double **W2, bool keep_product) {
+inline void step_prior(StepFrame &f, int m, int mN, double **sys, double **var, const double *mean,
+                       double **W1, double **W2, bool keep_product) {
     if (f.ok) {
         step_predict(f, sys, mean, W1[mN], W2[mN]);
         if (keep_product) {
@@ -583,12 +583,11 @@ inline void step_univ_update(int m, double **W1, const double *p, double v) {
 // settings.
 int univ_kalman_filter(int n, const double *y, int m, double **sys, double **var, double *mean,
                        int **sysidx, int **varidx, int *meanidx, double **tvdata, double **init,
-                       double **W1, double **W2, double **store, double *dLogDet,
-                       double *dSumSq, int *cnt, bool allow_steady, long *steady_steps);
-int multi_kalman_filter(int N, int n, double **y, int m, double **sys, double **var,
-                        double *mean, int **sysidx, int **varidx, int *meanidx, double **tvdata,
-                        double **init, double **W1, double **W2, double **store,
-                        double *dLogDet, double *dSumSq, int *cnt, bool allow_steady,
-                        long *steady_steps);
+                       double **W1, double **W2, double **store, double *dLogDet, double *dSumSq,
+                       int *cnt, bool allow_steady, long *steady_steps);
+int multi_kalman_filter(int N, int n, double **y, int m, double **sys, double **var, double *mean,
+                        int **sysidx, int **varidx, int *meanidx, double **tvdata, double **init,
+                        double **W1, double **W2, double **store, double *dLogDet, double *dSumSq,
+                        int *cnt, bool allow_steady, long *steady_steps);
 
 }  // namespace tessel

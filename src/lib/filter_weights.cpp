@@ -155,8 +155,8 @@ int weight_fil(int N, int n, int tstar, int istar, int m, double **sys, int **sy
 }
 
 int weight_smo(int N, int n, int tstar, int istar, int m, double **sys, int **sysidx,
-               double **tvdata, double **W1, double **W2, double **store, double **smo,
-               double **W3, double **out) {
+               double **tvdata, double **W1, double **W2, double **store, double **smo, double **W3,
+               double **out) {
     const int mN = m + N;
     MatZero(out, mN, n);
 
@@ -320,10 +320,10 @@ int compute_weights(Model &model, int selection, double **marker, int istar, int
     Buffer<double> yrow;
     if (!W1.alloc(mN + 1, mN) || !W2.alloc(mN + 2, mN) || !store.alloc(model.S, n))
         return kAllocFailed;
-    if (selection != 0 && (!W3.alloc(mN + 1, mN) || !smo.alloc(fit_size(2LL * mN), fit_size(n + 1LL))))
+    if (selection != 0 &&
+        (!W3.alloc(mN + 1, mN) || !smo.alloc(fit_size(2LL * mN), fit_size(n + 1LL))))
         return kAllocFailed;
-    if (N == 1 ? !yrow.alloc(static_cast<std::size_t>(n)) : !ycopy.alloc(N, n))
-        return kAllocFailed;
+    if (N == 1 ? !yrow.alloc(static_cast<std::size_t>(n)) : !ycopy.alloc(N, n)) return kAllocFailed;
     double *mean = W2[mN + 1];
     model.fill_mean(mean);
 
@@ -348,9 +348,9 @@ int compute_weights(Model &model, int selection, double **marker, int istar, int
                             model.tvdata, model.init, W1.get(), W2.get(), store.get(), nullptr,
                             nullptr, nullptr);
     else
-        ok = fMultiKalmanFil(N, n, y, m, sys, var, mean, model.sysidx, model.varidx,
-                             model.meanidx, model.tvdata, model.init, W1.get(), W2.get(),
-                             store.get(), nullptr, nullptr, nullptr);
+        ok = fMultiKalmanFil(N, n, y, m, sys, var, mean, model.sysidx, model.varidx, model.meanidx,
+                             model.tvdata, model.init, W1.get(), W2.get(), store.get(), nullptr,
+                             nullptr, nullptr);
     if (ok != 1) return kFailed;
 
     if (selection == 1 || selection == 3) {
@@ -363,44 +363,44 @@ int compute_weights(Model &model, int selection, double **marker, int istar, int
     }
 
     switch (selection) {
-    case 0:
-        ok = N == 1 ? fUnivWeightPred(n, tstar, m, sys, model.sysidx, model.tvdata, W1.get(),
-                                      W2.get(), store.get(), out)
-                    : fMultiWeightPred(N, n, tstar, istar, m, sys, model.sysidx, model.tvdata,
-                                       W1.get(), W2.get(), store.get(), out);
-        return ok == 0 ? kFailed : kOk;
-    case 1:
-    case 5:
-        // P(t*) and a(t*) into W3: the filter over the points before t*. For
-        // one series its result is not consulted.
-        if (N == 1) {
-            fUnivKalmanFil(tstar, y1, m, sys, var, mean, model.sysidx, model.varidx,
-                           model.meanidx, model.tvdata, model.init, W3.get(), W2.get(), nullptr,
-                           nullptr, nullptr, nullptr);
-        } else if (fMultiKalmanFil(N, tstar, y, m, sys, var, mean, model.sysidx, model.varidx,
-                                   model.meanidx, model.tvdata, model.init, W3.get(), W2.get(),
-                                   nullptr, nullptr, nullptr, nullptr) != 1) {
-            return kFailed;
-        }
-        if (selection == 1) {
-            if (N == 1)
-                fUnivWeightSmo(n, tstar, m, sys, model.sysidx, model.tvdata, W1.get(), W2.get(),
-                               store.get(), smo.get(), W3.get(), out);
-            else
-                fMultiWeightSmo(N, n, tstar, istar, m, sys, model.sysidx, model.tvdata,
-                                W1.get(), W2.get(), store.get(), smo.get(), W3.get(), out);
-        } else {
-            if (N == 1)
-                fUnivWeightFil(n, tstar, m, sys, model.sysidx, model.tvdata, W1.get(), W2.get(),
-                               store.get(), W3.get(), out);
-            else
-                fMultiWeightFil(N, n, tstar, istar, m, sys, model.sysidx, model.tvdata,
-                                W1.get(), W2.get(), store.get(), W3.get(), out);
-        }
-        return kOk;
-    default:
-        // Selection 3: the return value goes back as the host allocated it.
-        return kOk;
+        case 0:
+            ok = N == 1 ? fUnivWeightPred(n, tstar, m, sys, model.sysidx, model.tvdata, W1.get(),
+                                          W2.get(), store.get(), out)
+                        : fMultiWeightPred(N, n, tstar, istar, m, sys, model.sysidx, model.tvdata,
+                                           W1.get(), W2.get(), store.get(), out);
+            return ok == 0 ? kFailed : kOk;
+        case 1:
+        case 5:
+            // P(t*) and a(t*) into W3: the filter over the points before t*. For
+            // one series its result is not consulted.
+            if (N == 1) {
+                fUnivKalmanFil(tstar, y1, m, sys, var, mean, model.sysidx, model.varidx,
+                               model.meanidx, model.tvdata, model.init, W3.get(), W2.get(), nullptr,
+                               nullptr, nullptr, nullptr);
+            } else if (fMultiKalmanFil(N, tstar, y, m, sys, var, mean, model.sysidx, model.varidx,
+                                       model.meanidx, model.tvdata, model.init, W3.get(), W2.get(),
+                                       nullptr, nullptr, nullptr, nullptr) != 1) {
+                return kFailed;
+            }
+            if (selection == 1) {
+                if (N == 1)
+                    fUnivWeightSmo(n, tstar, m, sys, model.sysidx, model.tvdata, W1.get(), W2.get(),
+                                   store.get(), smo.get(), W3.get(), out);
+                else
+                    fMultiWeightSmo(N, n, tstar, istar, m, sys, model.sysidx, model.tvdata,
+                                    W1.get(), W2.get(), store.get(), smo.get(), W3.get(), out);
+            } else {
+                if (N == 1)
+                    fUnivWeightFil(n, tstar, m, sys, model.sysidx, model.tvdata, W1.get(), W2.get(),
+                                   store.get(), W3.get(), out);
+                else
+                    fMultiWeightFil(N, n, tstar, istar, m, sys, model.sysidx, model.tvdata,
+                                    W1.get(), W2.get(), store.get(), W3.get(), out);
+            }
+            return kOk;
+        default:
+            // Selection 3: the return value goes back as the host allocated it.
+            return kOk;
     }
 }
 

@@ -85,17 +85,17 @@ void IntTable::reset() {
 
 static bool value_absent(const ZuValue &v) {
     switch (v.type) {
-    case ZU_NONE:
-        return true;
-    case ZU_INT:
-        return v.v.ival == 0;
-    case ZU_DOUBLE:
-        return v.v.dval == 0.0;
-    case ZU_MATRIX:
-        if (v.v.mat.rows <= 0 || v.v.mat.cols <= 0 || !v.v.mat.data) return true;
-        return v.v.mat.rows == 1 && v.v.mat.cols == 1 && v.v.mat.data[0][0] == 0.0;
-    default:
-        return false;
+        case ZU_NONE:
+            return true;
+        case ZU_INT:
+            return v.v.ival == 0;
+        case ZU_DOUBLE:
+            return v.v.dval == 0.0;
+        case ZU_MATRIX:
+            if (v.v.mat.rows <= 0 || v.v.mat.cols <= 0 || !v.v.mat.data) return true;
+            return v.v.mat.rows == 1 && v.v.mat.cols == 1 && v.v.mat.data[0][0] == 0.0;
+        default:
+            return false;
     }
 }
 

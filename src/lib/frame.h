@@ -49,7 +49,11 @@ public:
     bool alloc(int rows, int cols);
     void reset();
     double **get() const { return p_; }
-    double **release() { double **p = p_; p_ = nullptr; return p; }
+    double **release() {
+        double **p = p_;
+        p_ = nullptr;
+        return p;
+    }
     explicit operator bool() const { return p_ != nullptr; }
     double *operator[](int r) const { return p_[r]; }
 
@@ -104,7 +108,6 @@ private:
 // failure path reports it.
 inline int fit_size(long long x) { return x >= 0 && x <= 2147483647LL ? static_cast<int>(x) : -1; }
 inline int fit_size(double x) { return x >= 0.0 && x <= 2147483647.0 ? static_cast<int>(x) : -1; }
-
 
 // True when an optional matrix argument counts as absent: not passed, empty
 // (0 x 0 or no elements), or a 1 x 1 matrix equal to 0 (also a scalar 0).

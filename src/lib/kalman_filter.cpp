@@ -242,8 +242,8 @@ inline void small_prior(double **sys, double **var, const double *mean, const do
 template <int M>
 int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, double *mean,
                 int **sysidx, int **varidx, int *meanidx, double **tvdata, double **init,
-                double **W1, double **W2, double **store, double *dLogDet, double *dSumSq,
-                int *cnt, bool allow_steady, long *steady_steps) {
+                double **W1, double **W2, double **store, double *dLogDet, double *dSumSq, int *cnt,
+                bool allow_steady, long *steady_steps) {
     const int m = M > 0 ? M : m_arg;
     const int mN = m + 1;
     const double kappa = diffuse_kappa(var, mN);
@@ -348,7 +348,9 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
                     if (store) step_univ_store_missing(M, t, store);
                     int j = 1, s = t + 1;
                     for (; j < q.len && s < n; ++j, ++s) {
-                        if (meanidx) write_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
+                        if (meanidx)
+                            write_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx,
+                                               tvdata);
                         const double ys = y[s];
                         if (std::isnan(ys)) break;
                         const double *Kb = q.blk[j] + M * (M + 1);
@@ -402,7 +404,8 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             for (int j = 0; j < m; ++j) al[j] = a[j];
             int k = 0;
             for (int s = t; s < n; ++s, ++k) {
-                if (s > t && meanidx) write_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
+                if (s > t && meanidx)
+                    write_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
                 const double ys = y[s];
                 if (std::isnan(ys)) break;
                 const double *Kb = steady_state.block(k) + m * mN;
@@ -432,7 +435,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             if (steady_steps) *steady_steps += k;
             steady = false;
             gap_from_cycle = t + k < n;  // the run ended at a gap
-            t += k - 1;  // the step that ended the run is taken next
+            t += k - 1;                  // the step that ended the run is taken next
             continue;
         }
         steady = false;
@@ -553,7 +556,8 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
             for (int j = 0; j < m; ++j) al[j] = a[j];
             int k = 0;
             for (int s = t; s < n; ++s, ++k) {
-                if (s > t && meanidx) write_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
+                if (s > t && meanidx)
+                    write_time_varying(s, m, mN, sys, var, mean, nullptr, nullptr, meanidx, tvdata);
                 bool all = true;
                 for (int i = 0; i < N; ++i) all &= !std::isnan(y[i][s]);
                 if (!all) break;
@@ -635,18 +639,18 @@ int tessel::univ_kalman_filter(int n, const double *y, int m, double **sys, doub
                                double **store, double *dLogDet, double *dSumSq, int *cnt,
                                bool allow_steady, long *steady_steps) {
     switch (m) {
-    case 1:
-        return univ_filter<1>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init, W1,
-                              W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
-    case 2:
-        return univ_filter<2>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init, W1,
-                              W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
-    case 3:
-        return univ_filter<3>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init, W1,
-                              W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
-    default:
-        return univ_filter<0>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init, W1,
-                              W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
+        case 1:
+            return univ_filter<1>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init,
+                                  W1, W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
+        case 2:
+            return univ_filter<2>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init,
+                                  W1, W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
+        case 3:
+            return univ_filter<3>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init,
+                                  W1, W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
+        default:
+            return univ_filter<0>(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init,
+                                  W1, W2, store, dLogDet, dSumSq, cnt, allow_steady, steady_steps);
     }
 }
 
@@ -658,10 +662,10 @@ TESSEL_EXPORT int fMultiKalmanFil(int N, int n, double **y, int m, double **sys,
                                W1, W2, store, dLogDet, dSumSq, cnt, true, nullptr);
 }
 
-TESSEL_EXPORT int fUnivKalmanFil(int n, double *y, int m, double **sys, double **var,
-                                 double *mean, int **sysidx, int **varidx, int *meanidx,
-                                 double **tvdata, double **init, double **W1, double **W2,
-                                 double **store, double *dLogDet, double *dSumSq, int *cnt) {
+TESSEL_EXPORT int fUnivKalmanFil(int n, double *y, int m, double **sys, double **var, double *mean,
+                                 int **sysidx, int **varidx, int *meanidx, double **tvdata,
+                                 double **init, double **W1, double **W2, double **store,
+                                 double *dLogDet, double *dSumSq, int *cnt) {
     return univ_kalman_filter(n, y, m, sys, var, mean, sysidx, varidx, meanidx, tvdata, init, W1,
                               W2, store, dLogDet, dSumSq, cnt, true, nullptr);
 }

@@ -67,25 +67,26 @@ int iZuCheckLgm(FrameVariant variant, ZuValue *args, int nargs, int i, int mode,
     const int cols = args[i].v.mat.cols;
     int n = cols;
     switch (mode) {
-    case 0:
-        ZuLibCheckMatrixSize(args, i, i, N, cols);
-        break;
-    case 1:
-        ZuLibCheckMatrixSize(args, i, i, S, cols);
-        break;
-    case 2:
-        ZuLibCheckMatrixSize(args, i, i, mN, cols);
-        break;
-    case 3:
-    case 4: {
-        if (mode == 4 && variant == FrameVariant::InPlace) break;  // that variant knows no mode 4
-        const int want_rows = mode == 3 ? mExtra : m + 4;
-        n = cols / N;
-        ZuLibCheckMatrixSize(args, i, i, want_rows, n * N);
-        break;
-    }
-    default:
-        break;
+        case 0:
+            ZuLibCheckMatrixSize(args, i, i, N, cols);
+            break;
+        case 1:
+            ZuLibCheckMatrixSize(args, i, i, S, cols);
+            break;
+        case 2:
+            ZuLibCheckMatrixSize(args, i, i, mN, cols);
+            break;
+        case 3:
+        case 4: {
+            if (mode == 4 && variant == FrameVariant::InPlace)
+                break;  // that variant knows no mode 4
+            const int want_rows = mode == 3 ? mExtra : m + 4;
+            n = cols / N;
+            ZuLibCheckMatrixSize(args, i, i, want_rows, n * N);
+            break;
+        }
+        default:
+            break;
     }
     (void)rows;
 
@@ -184,7 +185,8 @@ int fZuOpenLgmTV(FrameVariant variant, ZuValue *block, int m, int mN, int mN2, i
     const int need_mean = iMaxIntVec(mN, has_mean ? *pmeanidx : nullptr);
     // Compared as "largest entry < rows" so that an entry of INT_MAX cannot overflow.
     if (need_sys >= tv_rows || need_var >= tv_rows || need_mean >= tv_rows) {
-        if (variant == FrameVariant::Copying) raise_text("Lgm(): dimension of data matrix is not correct");
+        if (variant == FrameVariant::Copying)
+            raise_text("Lgm(): dimension of data matrix is not correct");
         return 0;
     }
     *ptvdata = tv.v.mat.data;
@@ -289,8 +291,8 @@ void ZuCloseLgmTV(int m, int mN, double **sys, double **var, int **sysidx, int *
 void Model::check(FrameVariant v, ZuValue *args, int nargs, int i, int mode) {
     variant = v;
     init = meanvec = nullptr;
-    time_varying = iZuCheckLgm(v, args, nargs, i, mode, &N, &m, &mN, &S, &mExtra, &n, &init,
-                               &meanvec) != 0;
+    time_varying =
+        iZuCheckLgm(v, args, nargs, i, mode, &N, &m, &mN, &S, &mExtra, &n, &init, &meanvec) != 0;
     block = &args[i + 1];
 }
 

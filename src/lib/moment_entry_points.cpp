@@ -77,8 +77,8 @@ TESSEL_EXPORT void FnLgmMomentEst(ZuValue *rtn, ZuValue *args, int nargs) {
             code = 0;
         } else if (sel == kStateSmooth) {
             if (N == 1)
-                UnivStateSmo(T, m, sys, model.sysidx, model.tvdata, W1.get(), W2.get(),
-                             store.get(), moments, offdiag.get(), moments);
+                UnivStateSmo(T, m, sys, model.sysidx, model.tvdata, W1.get(), W2.get(), store.get(),
+                             moments, offdiag.get(), moments);
             else
                 MultiStateSmo(N, T, m, sys, model.sysidx, model.tvdata, W1.get(), W2.get(),
                               store.get(), moments, offdiag.get(), moments);
@@ -156,8 +156,10 @@ TESSEL_EXPORT void FnLgmLikSco(ZuValue *rtn, ZuValue *args, int nargs) {
         }
     }
     model.close();
-    if (code != kOk) ZuFreeByValue(score_ref->v.ref);
-    else set_int(rtn, 1);
+    if (code != kOk)
+        ZuFreeByValue(score_ref->v.ref);
+    else
+        set_int(rtn, 1);
     report_status(code, rtn, ReturnKind::Flag,
                   "LgmLikSco(): non-positive semi-definite innovation matrix");
 }

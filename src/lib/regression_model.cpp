@@ -101,7 +101,8 @@ TESSEL_EXPORT void FnAddLgmReg(ZuValue *, ZuValue *args, int nargs) {
     for (int a = 1; a <= 4; ++a) {
         if (args[a].v.ref->type != ZU_MATRIX) {
             char text[64];
-            std::snprintf(text, sizeof text, "AddLgmReg(): argument %d no pointer to matrix", a + 1);
+            std::snprintf(text, sizeof text, "AddLgmReg(): argument %d no pointer to matrix",
+                          a + 1);
             ZuRunErrorMessage(text);
             return;
         }
@@ -223,10 +224,10 @@ TESSEL_EXPORT void FnGetLgmSpline(ZuValue *rtn, ZuValue *args, int nargs) {
         double **SI = sysidx.data(), **VI = varidx.data(), **D = tvdata.data();
         fill(SI, 3, 2, -1.0);
         fill(VI, 3, 3, -1.0);
-        SI[0][1] = 0;                 // T[0][1] = delta(t)
-        VI[0][0] = 3;                 // q delta^3 / 3
-        VI[0][1] = VI[1][0] = 2;      // q delta^2 / 2
-        VI[1][1] = 1;                 // q delta
+        SI[0][1] = 0;             // T[0][1] = delta(t)
+        VI[0][0] = 3;             // q delta^3 / 3
+        VI[0][1] = VI[1][0] = 2;  // q delta^2 / 2
+        VI[1][1] = 1;             // q delta
         const double *delta = args[1].v.mat.data[0];
         for (int j = 0; j < n; ++j) {
             const double dj = delta[j];

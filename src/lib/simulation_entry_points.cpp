@@ -56,20 +56,18 @@ TESSEL_EXPORT void FnSimSmoWgt(ZuValue *rtn, ZuValue *args, int nargs) {
     } else {
         count_selected(args[0], p, flags.get());
         double **store = args[1].v.mat.data;
-        const int rc =
-            model.N == 1
-                ? iUnivSimSmoWgt(model.n, model.m, model.sys(), model.var(), model.sysidx,
-                                 model.varidx, model.tvdata, A.get(), U.get(), store, q,
-                                 flags.get(), G.get(), wgt)
-                : iMultiSimSmoWgt(model.N, model.n, model.m, model.sys(), model.var(),
-                                  model.sysidx, model.varidx, model.tvdata, A.get(), U.get(),
-                                  store, q, flags.get(), G.get(), wgt);
+        const int rc = model.N == 1
+                           ? iUnivSimSmoWgt(model.n, model.m, model.sys(), model.var(),
+                                            model.sysidx, model.varidx, model.tvdata, A.get(),
+                                            U.get(), store, q, flags.get(), G.get(), wgt)
+                           : iMultiSimSmoWgt(model.N, model.n, model.m, model.sys(), model.var(),
+                                             model.sysidx, model.varidx, model.tvdata, A.get(),
+                                             U.get(), store, q, flags.get(), G.get(), wgt);
         code = rc == 0 ? kOk : 0;
     }
     model.close();
     if (code == kOk) return;
-    if (code == kAllocFailed)
-        report_status(code, rtn, ReturnKind::Flag, "");
+    if (code == kAllocFailed) report_status(code, rtn, ReturnKind::Flag, "");
     // A failed factorisation is a message, not an error, and the result is
     // the integer 0; the message is printed whatever the message switch says.
     set_int(rtn, 0);

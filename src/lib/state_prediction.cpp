@@ -42,8 +42,7 @@ void record_state(int m, int mN, int t, double **W1, double **moments, double **
 TESSEL_EXPORT int fMultiStatePred(int filtered, int N, int T, double **y, int m, double **sys,
                                   double **var, double *mean, int **sysidx, int **varidx,
                                   int *meanidx, double **tvdata, double **init, double **W1,
-                                  double **W2, double **store, double **moments,
-                                  double **offdiag) {
+                                  double **W2, double **store, double **moments, double **offdiag) {
     const int mN = m + N;
     Block Fview, scratch;
     if (!Fview.alloc(N, 0) || (filtered && !scratch.alloc(1, N))) return 0;

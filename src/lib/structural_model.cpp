@@ -63,7 +63,8 @@ bool butterworth_init(int n, double lambda, double rho, double sigma2, int c, do
     M[0][0] = 1.0;
     for (int j = 1; j < n; ++j) {
         M[0][j] = M[0][j - 1] / g;
-        for (int k = 1; k < j; ++k) M[k][j] = (rho2 * M[k - 1][j] + M[k][j - 1] + M[k - 1][j - 1]) / g;
+        for (int k = 1; k < j; ++k)
+            M[k][j] = (rho2 * M[k - 1][j] + M[k][j - 1] + M[k - 1][j - 1]) / g;
         M[j][j] = (2.0 * rho2 * M[j - 1][j] + M[j - 1][j - 1]) / g;
     }
     // Rotation powers B_d, d = 0..n-1, as (B[d][0], B[d][1]; B[d][2], B[d][3]).
@@ -99,8 +100,8 @@ bool butterworth_init(int n, double lambda, double rho, double sigma2, int c, do
 
 }  // namespace
 
-TESSEL_EXPORT int fGetLgmUnivStsm(int *rowofcode, double **table, int m, double *start, double **sys,
-                                  double **var, double **init) {
+TESSEL_EXPORT int fGetLgmUnivStsm(int *rowofcode, double **table, int m, double *start,
+                                  double **sys, double **var, double **init) {
     if (m < 1) return 0;
     MatZero(sys, m + 1, m);
     MatZero(var, m + 1, m + 1);
@@ -301,48 +302,51 @@ const char *check_table(double **table, int rows, int cols, int *rowofcode, int 
     bool has_level = false;
     for (int r = 0; r < rows; ++r) {
         switch (code_of(table[r])) {
-        case kSlope:
-            if (slope) return "GetLgmStsm(): only one slope component allowed in argument 1";
-            slope = true;
-            break;
-        case kTrend:
-            if (level_or_trend)
-                return "GetLgmStsm(): only one level/trend component allowed in argument 1";
-            level_or_trend = true;
-            if (cols < 3) return "GetLgmStsm(): at least three columns required in argument 1";
-            break;
-        case kLevel:
-            if (level_or_trend)
-                return "GetLgmStsm(): only one level/trend component allowed in argument 1";
-            level_or_trend = has_level = true;
-            break;
-        case kDummySeasonal:
-        case kTrigSeasonal:
-        case kSumSeasonal:
-            // The period sits in column 2.
-            if (cols < 3) return "GetLgmStsm(): at least three columns required in argument 1";
-            break;
-        case kIrregular:
-            if (irregular) return "GetLgmStsm(): only one irregular component allowed in argument 1";
-            irregular = true;
-            break;
-        case kAr1:
-            if (ar1)
-                return "GetLgmStsm(): only one autoregressive(1) component allowed in argument 1";
-            ar1 = true;
-            if (cols < 4) return "GetLgmStsm(): at least four columns required in argument 1";
-            break;
-        case kAr2:
-            if (ar2)
-                return "GetLgmStsm(): only one autoregressive(2) component allowed in argument 1";
-            ar2 = true;
-            if (cols < 5) return "GetLgmStsm(): at least five columns required in argument 1";
-            break;
-        case kButterworth:
-            if (cols < 5) return "GetLgmStsm(): at least five columns required in argument 1";
-            break;
-        default:
-            break;
+            case kSlope:
+                if (slope) return "GetLgmStsm(): only one slope component allowed in argument 1";
+                slope = true;
+                break;
+            case kTrend:
+                if (level_or_trend)
+                    return "GetLgmStsm(): only one level/trend component allowed in argument 1";
+                level_or_trend = true;
+                if (cols < 3) return "GetLgmStsm(): at least three columns required in argument 1";
+                break;
+            case kLevel:
+                if (level_or_trend)
+                    return "GetLgmStsm(): only one level/trend component allowed in argument 1";
+                level_or_trend = has_level = true;
+                break;
+            case kDummySeasonal:
+            case kTrigSeasonal:
+            case kSumSeasonal:
+                // The period sits in column 2.
+                if (cols < 3) return "GetLgmStsm(): at least three columns required in argument 1";
+                break;
+            case kIrregular:
+                if (irregular)
+                    return "GetLgmStsm(): only one irregular component allowed in argument 1";
+                irregular = true;
+                break;
+            case kAr1:
+                if (ar1)
+                    return "GetLgmStsm(): only one autoregressive(1) component allowed in argument "
+                           "1";
+                ar1 = true;
+                if (cols < 4) return "GetLgmStsm(): at least four columns required in argument 1";
+                break;
+            case kAr2:
+                if (ar2)
+                    return "GetLgmStsm(): only one autoregressive(2) component allowed in argument "
+                           "1";
+                ar2 = true;
+                if (cols < 5) return "GetLgmStsm(): at least five columns required in argument 1";
+                break;
+            case kButterworth:
+                if (cols < 5) return "GetLgmStsm(): at least five columns required in argument 1";
+                break;
+            default:
+                break;
         }
     }
 
@@ -355,54 +359,57 @@ const char *check_table(double **table, int rows, int cols, int *rowofcode, int 
         const int code = code_of(row);
         if (code < 0) return "GetLgmStsm(): cannot recognize component in argument 1";
         switch (code) {
-        case kLevel:
-            states += 1;
-            break;
-        case kSlope:
-            if (has_level) states += 1;  // a slope without a level is ignored
-            break;
-        case kTrend:
-            if (!(row[2] > 0.0 && row[2] < 10.0))
-                return "GetLgmStsm(): trend order not appropriate in argument 2";
-            states += truncated(row[2]);
-            break;
-        case kDummySeasonal:
-        case kTrigSeasonal:
-        case kSumSeasonal: {
-            if (seasonal || !(row[2] >= 2.0))
-                return "GetLgmStsm(): seasonal parameters not appropriate in argument 2";
-            seasonal = true;
-            const int s = truncated(row[2]);
-            states += code == kSumSeasonal ? s : s - 1;
-            break;
-        }
-        case kButterworth:
-            if (!(row[2] >= 0.0) || !within(row[3], 0.0, 1.0))
-                return "GetLgmStsm(): bwcycle parameters not appropriate in argument 3";
-            if (!(row[4] > 0.0 && row[4] < 10.0))
-                return "GetLgmStsm(): bwcycle order not appropriate in argument 4";
-            states += truncated(2.0 * row[4]);
-            break;
-        case kAr1:
-            if (!within(row[3], -1.0, 1.0))
-                return "GetLgmStsm(): autoregressive(1) parameters not appropriate in argument 3";
-            states += 1;
-            break;
-        case kAr2:
-            if (!within(row[3], -1.0, 1.0))
-                return "GetLgmStsm(): autoregressive(2) parameters not appropriate in argument 3";
-            if (!within(row[4], -1.0, 1.0))
-                return "GetLgmStsm(): autoregressive(2) parameters not appropriate in argument 4";
-            states += 2;
-            break;
-        case kIrregular:
-            break;
-        default:  // the stochastic cycles
-            if (cols < 4) return "GetLgmStsm(): at least four columns required in argument 1";
-            if (!(row[2] >= 0.0) || !within(row[3], 0.0, 1.0))
-                return "GetLgmStsm(): cycle parameters not appropriate in argument 1";
-            states += 2;
-            break;
+            case kLevel:
+                states += 1;
+                break;
+            case kSlope:
+                if (has_level) states += 1;  // a slope without a level is ignored
+                break;
+            case kTrend:
+                if (!(row[2] > 0.0 && row[2] < 10.0))
+                    return "GetLgmStsm(): trend order not appropriate in argument 2";
+                states += truncated(row[2]);
+                break;
+            case kDummySeasonal:
+            case kTrigSeasonal:
+            case kSumSeasonal: {
+                if (seasonal || !(row[2] >= 2.0))
+                    return "GetLgmStsm(): seasonal parameters not appropriate in argument 2";
+                seasonal = true;
+                const int s = truncated(row[2]);
+                states += code == kSumSeasonal ? s : s - 1;
+                break;
+            }
+            case kButterworth:
+                if (!(row[2] >= 0.0) || !within(row[3], 0.0, 1.0))
+                    return "GetLgmStsm(): bwcycle parameters not appropriate in argument 3";
+                if (!(row[4] > 0.0 && row[4] < 10.0))
+                    return "GetLgmStsm(): bwcycle order not appropriate in argument 4";
+                states += truncated(2.0 * row[4]);
+                break;
+            case kAr1:
+                if (!within(row[3], -1.0, 1.0))
+                    return "GetLgmStsm(): autoregressive(1) parameters not appropriate in argument "
+                           "3";
+                states += 1;
+                break;
+            case kAr2:
+                if (!within(row[3], -1.0, 1.0))
+                    return "GetLgmStsm(): autoregressive(2) parameters not appropriate in argument "
+                           "3";
+                if (!within(row[4], -1.0, 1.0))
+                    return "GetLgmStsm(): autoregressive(2) parameters not appropriate in argument "
+                           "4";
+                states += 2;
+                break;
+            case kIrregular:
+                break;
+            default:  // the stochastic cycles
+                if (cols < 4) return "GetLgmStsm(): at least four columns required in argument 1";
+                if (!(row[2] >= 0.0) || !within(row[3], 0.0, 1.0))
+                    return "GetLgmStsm(): cycle parameters not appropriate in argument 1";
+                states += 2;
+                break;
         }
         rowofcode[code] = r;
     }

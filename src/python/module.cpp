@@ -155,38 +155,39 @@ zu::Value to_host(py::handle obj, bool allow_none) {
 // A reference is followed once (a return value may name an argument).
 py::object to_python(const zu::Value &v, int depth = 0) {
     switch (v.type()) {
-    case ZU_NONE:
-        return py::none();
-    case ZU_INT:
-        return py::int_(v.as_int());
-    case ZU_DOUBLE:
-        return py::float_(v.as_double());
-    case ZU_MATRIX: {
-        const int rows = v.rows(), cols = v.cols();
-        if (rows < 0 || cols < 0)
-            throw std::runtime_error("host matrix with negative dimensions " + std::to_string(rows) +
-                                     " x " + std::to_string(cols));
-        py::array_t<double> out({static_cast<py::ssize_t>(rows), static_cast<py::ssize_t>(cols)});
-        if (rows > 0 && cols > 0) {
-            double **src = v.data();
-            if (src == nullptr)
-                throw std::runtime_error("host matrix " + std::to_string(rows) + " x " +
-                                         std::to_string(cols) + " holds no storage");
-            double *dst = out.mutable_data();
-            for (int r = 0; r < rows; ++r) {
-                if (src[r] == nullptr)
-                    throw std::runtime_error("host matrix row without storage");
-                std::memcpy(dst + static_cast<std::size_t>(r) * cols, src[r],
-                            static_cast<std::size_t>(cols) * sizeof(double));
+        case ZU_NONE:
+            return py::none();
+        case ZU_INT:
+            return py::int_(v.as_int());
+        case ZU_DOUBLE:
+            return py::float_(v.as_double());
+        case ZU_MATRIX: {
+            const int rows = v.rows(), cols = v.cols();
+            if (rows < 0 || cols < 0)
+                throw std::runtime_error("host matrix with negative dimensions " +
+                                         std::to_string(rows) + " x " + std::to_string(cols));
+            py::array_t<double> out(
+                {static_cast<py::ssize_t>(rows), static_cast<py::ssize_t>(cols)});
+            if (rows > 0 && cols > 0) {
+                double **src = v.data();
+                if (src == nullptr)
+                    throw std::runtime_error("host matrix " + std::to_string(rows) + " x " +
+                                             std::to_string(cols) + " holds no storage");
+                double *dst = out.mutable_data();
+                for (int r = 0; r < rows; ++r) {
+                    if (src[r] == nullptr)
+                        throw std::runtime_error("host matrix row without storage");
+                    std::memcpy(dst + static_cast<std::size_t>(r) * cols, src[r],
+                                static_cast<std::size_t>(cols) * sizeof(double));
+                }
             }
+            return py::object(std::move(out));
         }
-        return py::object(std::move(out));
-    }
-    case ZU_REF:
-        if (depth > 0) throw std::runtime_error("host reference to a reference");
-        return to_python(v.target(), depth + 1);
-    default:
-        throw std::runtime_error("unexpected host value type " + std::to_string(v.type()));
+        case ZU_REF:
+            if (depth > 0) throw std::runtime_error("host reference to a reference");
+            return to_python(v.target(), depth + 1);
+        default:
+            throw std::runtime_error("unexpected host value type " + std::to_string(v.type()));
     }
 }
 
@@ -268,7 +269,8 @@ void set_registered(PyObject *&slot, py::object obj) {
 }  // namespace
 
 PYBIND11_MODULE(_tessel, m) {
-    m.doc() = "Compiled bridge between Python and the Tessel host runtime (use the tessel package).";
+    m.doc() =
+        "Compiled bridge between Python and the Tessel host runtime (use the tessel package).";
 
     m.def("call", &call, py::arg("name"), py::arg("args"), py::arg("targets"), py::arg("slots"),
           "call(name, args, targets, slots) -> (result, written targets). Low-level: arguments "
@@ -281,7 +283,8 @@ PYBIND11_MODULE(_tessel, m) {
                 throw py::type_error("the message handler must be callable or None");
             set_registered(g_message_handler, std::move(handler));
         },
-        py::arg("handler"), "Sets the callable that receives each host message text (None: stderr).");
+        py::arg("handler"),
+        "Sets the callable that receives each host message text (None: stderr).");
 
     m.def(
         "set_error_class",
@@ -311,7 +314,8 @@ PYBIND11_MODULE(_tessel, m) {
         },
         "(blocks, tables) the host currently holds.");
     m.def(
-        "allocation_attempts", [] { return host_guarded([] { return zu::allocation_attempts(); }); },
+        "allocation_attempts",
+        [] { return host_guarded([] { return zu::allocation_attempts(); }); },
         "Host allocations attempted since the process started.");
     m.def(
         "fail_allocation",

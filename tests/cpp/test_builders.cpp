@@ -53,14 +53,16 @@ struct ArmaResult {
 
 ArmaResult arma(Value ar, Value ma, Value sigma) {
     ArmaResult r;
-    Args a = {std::move(ar), std::move(ma), std::move(sigma), Value::ref(r.sys), Value::ref(r.var),
-              Value::ref(r.init)};
+    Args a = {std::move(ar),     std::move(ma),     std::move(sigma),
+              Value::ref(r.sys), Value::ref(r.var), Value::ref(r.init)};
     MessageCapture cap;
     r.rtn = zu::call("GetLgmArma", a);
     r.messages = cap.messages;
     return r;
 }
-ArmaResult arma(Value ar, Value ma, double sigma) { return arma(std::move(ar), std::move(ma), Value::real(sigma)); }
+ArmaResult arma(Value ar, Value ma, double sigma) {
+    return arma(std::move(ar), std::move(ma), Value::real(sigma));
+}
 
 // Row and column vectors and a mix of both give the same model; a scalar
 // coefficient counts as a 1 x 1 matrix and an integer sigma is converted.
@@ -69,7 +71,8 @@ TEST(GetLgmArma, CoefficientShapes) {
     const std::vector<double> ar = {0.6, -0.3, 0.1}, ma = {0.5, 0.2};
     const ArmaResult row = arma(mat(1, 3, ar), mat(1, 2, ma), 1.5);
     ASSERT_EQ(row.rtn.as_int(), 1);
-    for (const ArmaResult &other : {arma(mat(3, 1, ar), mat(2, 1, ma), 1.5), arma(mat(3, 1, ar), mat(1, 2, ma), 1.5)}) {
+    for (const ArmaResult &other :
+         {arma(mat(3, 1, ar), mat(2, 1, ma), 1.5), arma(mat(3, 1, ar), mat(1, 2, ma), 1.5)}) {
         ASSERT_EQ(other.rtn.as_int(), 1);
         EXPECT_EQ(row.sys.to_vector(), other.sys.to_vector());
         EXPECT_EQ(row.var.to_vector(), other.var.to_vector());
@@ -94,8 +97,8 @@ TEST(GetLgmArma, WhiteNoiseFullMatricesAndUnitRootsAreRefused) {
     }();
     for (size_t c = 0; c < empties.size(); ++c) {
         Value sys = Value::real(7.0), var = Value::real(8.0), init = Value::real(9.0);
-        Args a = {empties[c].first, empties[c].second, Value::real(1.0), Value::ref(sys), Value::ref(var),
-                  Value::ref(init)};
+        Args a = {empties[c].first, empties[c].second, Value::real(1.0),
+                  Value::ref(sys),  Value::ref(var),   Value::ref(init)};
         MessageCapture cap;
         EXPECT_EQ(zu::call("GetLgmArma", a).as_int(), 0) << "case " << c;
         ASSERT_EQ(cap.messages.size(), 1u) << "case " << c;
@@ -107,8 +110,8 @@ TEST(GetLgmArma, WhiteNoiseFullMatricesAndUnitRootsAreRefused) {
     // Unit roots make I - T (x) T singular (exactly so in floating point for
     // these coefficients): the matrices stay allocated, SysMat and VarMat
     // filled, InitMat zero.
-    for (const std::vector<double> &ar : {std::vector<double>{1.0}, std::vector<double>{-1.0},
-                                          std::vector<double>{0.0, 1.0}}) {
+    for (const std::vector<double> &ar :
+         {std::vector<double>{1.0}, std::vector<double>{-1.0}, std::vector<double>{0.0, 1.0}}) {
         ArmaResult r = arma(mat(1, static_cast<int>(ar.size()), ar), Value::empty(), 1.0);
         EXPECT_EQ(r.rtn.as_int(), 0) << "AR " << ar[0];
         ASSERT_EQ(r.messages.size(), 1u);
@@ -136,7 +139,8 @@ TEST(FGetLgmUnivArma, DifferencesAndSeasonalLagsInFront) {
     // Reference: the plain ARMA block.
     HostMat bsys(3, 2), bvar(3, 3), binit(3, 2);
     double bphi[2] = {phi_b[0], phi_b[1]}, btheta[2] = {theta_b[0], theta_b[1]};
-    ASSERT_EQ(fGetLgmUnivArma(2, 0, 0, bphi, btheta, bsys.get(), bvar.get(), binit.get(), sigma), 1);
+    ASSERT_EQ(fGetLgmUnivArma(2, 0, 0, bphi, btheta, bsys.get(), bvar.get(), binit.get(), sigma),
+              1);
 
     for (int d : {0, 1, 2}) {
         for (int s : {0, 3, 4}) {
@@ -146,7 +150,9 @@ TEST(FGetLgmUnivArma, DifferencesAndSeasonalLagsInFront) {
             phi[r] = phi_b[0], phi[r + 1] = phi_b[1];
             theta[r] = theta_b[0], theta[r + 1] = theta_b[1];
             HostMat sys(m + 1, m), var(m + 1, m + 1), init(m + 1, m);
-            ASSERT_EQ(fGetLgmUnivArma(m, d, s, phi.data(), theta.data(), sys.get(), var.get(), init.get(), sigma), 1);
+            ASSERT_EQ(fGetLgmUnivArma(m, d, s, phi.data(), theta.data(), sys.get(), var.get(),
+                                      init.get(), sigma),
+                      1);
 
             for (int i = 0; i < 2; ++i)
                 for (int j = 0; j < 2; ++j) {
@@ -249,10 +255,14 @@ TEST(GetLgmStsm, EveryValidationMessage) {
         {2, 2, {2, 1, 19, 1}, "at least three columns required in argument 1"},
         {2, 2, {0, 1, 4, 1}, "at least three columns required in argument 1"},
         {3, 2, {0, 1, 19, 1, 19, 1}, "only one irregular component allowed in argument 1"},
-        {3, 4, {17, 1, 0, .5, 17, 1, 0, .5, 19, 1, 0, 0},
+        {3,
+         4,
+         {17, 1, 0, .5, 17, 1, 0, .5, 19, 1, 0, 0},
          "only one autoregressive(1) component allowed in argument 1"},
         {2, 3, {17, 1, 0, 19, 1, 0}, "at least four columns required in argument 1"},
-        {3, 5, {18, 1, 0, .5, .1, 18, 1, 0, .5, .1, 19, 1, 0, 0, 0},
+        {3,
+         5,
+         {18, 1, 0, .5, .1, 18, 1, 0, .5, .1, 19, 1, 0, 0, 0},
          "only one autoregressive(2) component allowed in argument 1"},
         {2, 4, {18, 1, 0, .5, 19, 1, 0, 0}, "at least five columns required in argument 1"},
         {2, 4, {6, 1, 0.5, .5, 19, 1, 0, 0}, "at least five columns required in argument 1"},
@@ -263,27 +273,39 @@ TEST(GetLgmStsm, EveryValidationMessage) {
         {2, 3, {2, 1, 10, 19, 1, 0}, "trend order not appropriate in argument 2"},
         {3, 3, {3, 1, 4, 4, 1, 4, 19, 1, 0}, "seasonal parameters not appropriate in argument 2"},
         {2, 3, {5, 1, 1.9, 19, 1, 0}, "seasonal parameters not appropriate in argument 2"},
-        {2, 5, {6, 1, -0.1, .5, 1, 19, 1, 0, 0, 0},
+        {2,
+         5,
+         {6, 1, -0.1, .5, 1, 19, 1, 0, 0, 0},
          "bwcycle parameters not appropriate in argument 3"},
-        {2, 5, {6, 1, 0.5, 1.01, 1, 19, 1, 0, 0, 0},
+        {2,
+         5,
+         {6, 1, 0.5, 1.01, 1, 19, 1, 0, 0, 0},
          "bwcycle parameters not appropriate in argument 3"},
         {2, 5, {6, 1, 0.5, .5, 0, 19, 1, 0, 0, 0}, "bwcycle order not appropriate in argument 4"},
         {2, 5, {6, 1, 0.5, .5, 10, 19, 1, 0, 0, 0}, "bwcycle order not appropriate in argument 4"},
         {2, 3, {12, 1, 0.5, 19, 1, 0}, "at least four columns required in argument 1"},
         {2, 4, {8, 1, -0.5, .5, 19, 1, 0, 0}, "cycle parameters not appropriate in argument 1"},
         {2, 4, {16, 1, 0.5, -0.1, 19, 1, 0, 0}, "cycle parameters not appropriate in argument 1"},
-        {2, 4, {17, 1, 0, 1.5, 19, 1, 0, 0},
+        {2,
+         4,
+         {17, 1, 0, 1.5, 19, 1, 0, 0},
          "autoregressive(1) parameters not appropriate in argument 3"},
-        {2, 5, {18, 1, 0, -1.5, 0, 19, 1, 0, 0, 0},
+        {2,
+         5,
+         {18, 1, 0, -1.5, 0, 19, 1, 0, 0, 0},
          "autoregressive(2) parameters not appropriate in argument 3"},
-        {2, 5, {18, 1, 0, 0.5, 1.5, 19, 1, 0, 0, 0},
+        {2,
+         5,
+         {18, 1, 0, 0.5, 1.5, 19, 1, 0, 0, 0},
          "autoregressive(2) parameters not appropriate in argument 4"},
         // First-pass faults come before second-pass faults, whatever the rows.
         {3, 2, {25, 1, 19, 1, 19, 1}, "only one irregular component allowed in argument 1"},
         // Nothing to place: a slope without a level and an irregular.
         {2, 2, {1, 1, 19, 1}, "no model specified in argument 1"},
         // Counted states that are not placed.
-        {3, 4, {7, 1, .5, .5, 7, 1, .5, .5, 19, 1, 0, 0},
+        {3,
+         4,
+         {7, 1, .5, .5, 7, 1, .5, .5, 19, 1, 0, 0},
          "no correct model specified in argument 1"},
         {2, 5, {6, 1, 0.5, .5, 1.5, 19, 1, 0, 0, 0}, "no correct model specified in argument 1"},
         {2, 5, {6, 1, 0.5, .5, 0.3, 17, 1, 0, .5, 0}, "no correct model specified in argument 1"},
@@ -300,7 +322,8 @@ struct RegModel {
 
 // AddLgmReg with the model in `m` (moved in as the reference targets).
 CallError add_reg(Value x, RegModel &m, Value *rtn = nullptr) {
-    Args a = {std::move(x), Value::ref(m.sys), Value::ref(m.var), Value::ref(m.init), Value::ref(m.idx)};
+    Args a = {std::move(x), Value::ref(m.sys), Value::ref(m.var), Value::ref(m.init),
+              Value::ref(m.idx)};
     try {
         Value v = zu::call("AddLgmReg", a);
         if (rtn) *rtn = std::move(v);
@@ -317,7 +340,8 @@ CallError add_reg(Value x, RegModel &m, Value *rtn = nullptr) {
 // carried: it keeps its fixed Z element 0. No regressors change nothing.
 TEST(AddLgmReg, InFrontOfAModelWithARegressor) {
     NoLeak guard;
-    RegModel m{mat(2, 1, {1, 1}), mat(2, 2, {0.7, 0.2, 0.2, 1.5}), mat(2, 1, {-1, 5}), Value::empty()};
+    RegModel m{mat(2, 1, {1, 1}), mat(2, 2, {0.7, 0.2, 0.2, 1.5}), mat(2, 1, {-1, 5}),
+               Value::empty()};
     EXPECT_EQ(add_reg(Value::matrix(0, 20), m).number, -1);
     EXPECT_EQ(m.sys.rows(), 2);
     EXPECT_TRUE(m.idx.rows() == 0 && m.idx.cols() == 0);
@@ -325,8 +349,8 @@ TEST(AddLgmReg, InFrontOfAModelWithARegressor) {
     m.idx = Value::empty();
     EXPECT_EQ(add_reg(Value::matrix(2, 20), m).number, -1);
     ASSERT_EQ(m.sys.cols(), 4);
-    expect_matrix(m.idx, 5, 4, {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1,
-                                0, 1, -1, -1},
+    expect_matrix(m.idx, 5, 4,
+                  {-1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, -1, 0, 1, -1, -1},
                   0.0, "SysIdx");
     for (int i = 0; i < 4; ++i) EXPECT_EQ(m.sys.at(i, i), 1.0);
     EXPECT_EQ(m.sys.at(4, 3), 1.0);
@@ -361,23 +385,23 @@ TEST(AddLgmReg, EveryCheckLeavesTheModelAlone) {
         std::string text;
     };
     std::vector<Case> cases;
-    cases.push_back({RegModel{mat(2, 1, {1, 1}), mat(2, 2, {1, 0, 0, 1}), mat(2, 1, {-1, 0}),
-                              mat(1, 1, {0})},
-                     "argument 5 must be empty matrix <>"});
-    cases.push_back({RegModel{Value::empty(), mat(2, 2, {1, 0, 0, 1}), Value::empty(),
-                              Value::empty()},
-                     "all pointers must be to empty matrices"});
+    cases.push_back(
+        {RegModel{mat(2, 1, {1, 1}), mat(2, 2, {1, 0, 0, 1}), mat(2, 1, {-1, 0}), mat(1, 1, {0})},
+         "argument 5 must be empty matrix <>"});
+    cases.push_back(
+        {RegModel{Value::empty(), mat(2, 2, {1, 0, 0, 1}), Value::empty(), Value::empty()},
+         "all pointers must be to empty matrices"});
     cases.push_back({RegModel{Value::empty(), Value::empty(), mat(1, 1, {1}), Value::empty()},
                      "all pointers must be to empty matrices"});
     cases.push_back({RegModel{mat(3, 1, {1, 1, 1}), mat(2, 2, {1, 0, 0, 1}), mat(2, 1, {-1, 0}),
                               Value::empty()},
                      "argument 2 wrong matrix dimension"});
-    cases.push_back({RegModel{mat(2, 1, {1, 1}), mat(2, 3, {1, 0, 0, 0, 1, 0}),
-                              mat(2, 1, {-1, 0}), Value::empty()},
-                     "argument 3 wrong matrix dimension"});
-    cases.push_back({RegModel{mat(2, 1, {1, 1}), mat(2, 2, {1, 0, 0, 1}), mat(1, 1, {-1}),
+    cases.push_back({RegModel{mat(2, 1, {1, 1}), mat(2, 3, {1, 0, 0, 0, 1, 0}), mat(2, 1, {-1, 0}),
                               Value::empty()},
-                     "argument 4 wrong matrix dimension"});
+                     "argument 3 wrong matrix dimension"});
+    cases.push_back(
+        {RegModel{mat(2, 1, {1, 1}), mat(2, 2, {1, 0, 0, 1}), mat(1, 1, {-1}), Value::empty()},
+         "argument 4 wrong matrix dimension"});
     for (Case &c : cases) {
         const std::vector<double> sys = c.m.sys.to_vector();
         EXPECT_EQ(add_reg(Value::matrix(2, 5), c.m).text, p + c.text);
@@ -426,7 +450,8 @@ TEST(GetLgmSpline, FormsAndTimeVaryingValues) {
         const double want[2][2] = {{q * d * d * d / 3, q * d * d / 2}, {q * d * d / 2, q * d}};
         for (int i = 0; i < 2; ++i)
             for (int j = 0; j < 2; ++j)
-                EXPECT_NEAR(tv(static_cast<int>(r.out[4].at(i, j))), want[i][j], kAssigned * std::max(1.0, want[i][j]))
+                EXPECT_NEAR(tv(static_cast<int>(r.out[4].at(i, j))), want[i][j],
+                            kAssigned * std::max(1.0, want[i][j]))
                     << "t " << t << " (" << i << "," << j << ")";
     }
 }
@@ -447,23 +472,34 @@ TEST(Builders, ArgumentErrors) {
         Args args;
         std::string text;  // empty: a host type error
     };
-    Args arma_no_refs = {ar, Value::empty(), Value::real(1), Value::real(0), Value::real(0), Value::real(0)};
+    Args arma_no_refs = {
+        ar, Value::empty(), Value::real(1), Value::real(0), Value::real(0), Value::real(0)};
     Args reg_no_ref = refs({x}, 3);
     reg_no_ref.push_back(Value::real(0));
     std::vector<Case> cases = {
-        {"GetLgmArma", refs({ar, Value::empty(), Value::real(1)}, 2), "GetLgmArma(): six arguments required"},
-        {"GetLgmArma", refs({ar, Value::empty(), Value::real(1)}, 4), "GetLgmArma(): six arguments required"},
+        {"GetLgmArma", refs({ar, Value::empty(), Value::real(1)}, 2),
+         "GetLgmArma(): six arguments required"},
+        {"GetLgmArma", refs({ar, Value::empty(), Value::real(1)}, 4),
+         "GetLgmArma(): six arguments required"},
         {"GetLgmArma", refs({ar, Value::empty(), mat(1, 2, {1, 2})}, 3), ""},
         {"GetLgmArma", arma_no_refs, ""},
         {"GetLgmStsm", refs({table}, 2), "GetLgmStsm(): at least four arguments required"},
-        {"GetLgmStsm", [&] { Args a = refs({table}, 2); a.push_back(Value::real(0)); return a; }(), ""},
+        {"GetLgmStsm",
+         [&] {
+             Args a = refs({table}, 2);
+             a.push_back(Value::real(0));
+             return a;
+         }(),
+         ""},
         {"GetLgmReg", refs({x}, 3), "GetLgmReg(): five arguments required"},
-        {"GetLgmReg", refs({Value::empty()}, 4), "GetLgmReg(): data matrix needed in first argument"},
+        {"GetLgmReg", refs({Value::empty()}, 4),
+         "GetLgmReg(): data matrix needed in first argument"},
         {"GetLgmReg", reg_no_ref, ""},
         {"GetLgmSpline", refs({delta, delta}, 2), ""},
     };
     for (int nargs : {3, 6, 7, 9})
-        cases.push_back({"GetLgmSpline", refs({q, delta}, nargs - 2), "GetLgmSpline(): wrong number of arguments"});
+        cases.push_back({"GetLgmSpline", refs({q, delta}, nargs - 2),
+                         "GetLgmSpline(): wrong number of arguments"});
     for (Case &c : cases) {
         SCOPED_TRACE(c.name + " with " + std::to_string(c.args.size()) + " arguments");
         const CallError e = call_error(c.name, c.args);
@@ -493,7 +529,10 @@ TEST(Builders, AllocationFailureSweeps) {
     };
     std::vector<Case> cases = {
         {"GetLgmArma", "ARMA(2,1)",
-         [&] { return Args{mat(1, 2, {0.5, 0.2}), mat(1, 1, {0.3}), Value::real(1.0), Value::ref(t[0]), Value::ref(t[1]), Value::ref(t[2])}; },
+         [&] {
+             return Args{mat(1, 2, {0.5, 0.2}), mat(1, 1, {0.3}), Value::real(1.0),
+                         Value::ref(t[0]),      Value::ref(t[1]), Value::ref(t[2])};
+         },
          [](const SweepStep &s) {
              if (s.threw) {
                  EXPECT_EQ(s.error_number, zu::kErrorMessage) << "step " << s.k;
@@ -506,7 +545,10 @@ TEST(Builders, AllocationFailureSweeps) {
          },
          -4},  // three results and the scratch matrix
         {"GetLgmStsm", "level, Butterworth, irregular",
-         [&] { return Args{mat(3, 5, {0, 1, 0, 0, 0, 6, 1, 0.5, 0.5, 2, 19, 1, 0, 0, 0}), Value::ref(t[0]), Value::ref(t[1]), Value::ref(t[2])}; },
+         [&] {
+             return Args{mat(3, 5, {0, 1, 0, 0, 0, 6, 1, 0.5, 0.5, 2, 19, 1, 0, 0, 0}),
+                         Value::ref(t[0]), Value::ref(t[1]), Value::ref(t[2])};
+         },
          [](const SweepStep &s) {
              ASSERT_TRUE(s.threw) << "step " << s.k;
              EXPECT_TRUE(s.result.is_none());
@@ -520,7 +562,10 @@ TEST(Builders, AllocationFailureSweeps) {
          },
          6},
         {"GetLgmReg", "k = 2",
-         [&] { return Args{mat(2, 3, {1, 2, 3, 4, 5, 6}), Value::ref(t[0]), Value::ref(t[1]), Value::ref(t[2]), Value::ref(t[3])}; },
+         [&] {
+             return Args{mat(2, 3, {1, 2, 3, 4, 5, 6}), Value::ref(t[0]), Value::ref(t[1]),
+                         Value::ref(t[2]), Value::ref(t[3])};
+         },
          [](const SweepStep &s) {
              ASSERT_TRUE(s.threw) << "step " << s.k;
              EXPECT_EQ(s.error_text, "GetLgmReg(): memory allocation failure");
@@ -534,7 +579,8 @@ TEST(Builders, AllocationFailureSweeps) {
                              t[1] = onto_level ? mat(2, 2, {1, 0, 0, 2}) : Value::empty();
                              t[2] = onto_level ? mat(2, 1, {-1, 0}) : Value::empty();
                              t[3] = Value::empty();
-                             return Args{mat(2, 3, {1, 2, 3, 4, 5, 6}), Value::ref(t[0]), Value::ref(t[1]), Value::ref(t[2]), Value::ref(t[3])};
+                             return Args{mat(2, 3, {1, 2, 3, 4, 5, 6}), Value::ref(t[0]),
+                                         Value::ref(t[1]), Value::ref(t[2]), Value::ref(t[3])};
                          },
                          [&, onto_level](const SweepStep &s) {
                              ASSERT_TRUE(s.threw) << "step " << s.k;
@@ -556,7 +602,9 @@ TEST(Builders, AllocationFailureSweeps) {
                              EXPECT_EQ(s.error_number, zu::kErrorMemory);
                              for (const Value &v : t) EXPECT_TRUE(v.is_none());
                          },
-                         nargs == 4 ? 2 : nargs == 5 ? 3 : 6});
+                         nargs == 4   ? 2
+                         : nargs == 5 ? 3
+                                      : 6});
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name + ", " + c.variant);
         const long sites = allocation_sweep(c.name, c.make, c.check, 500, release_all(t));

@@ -1,13 +1,12 @@
 // Informational entry points, the message switch, NaN helpers and the
 // numeric kernels, plus the shape of the shared library's dynamic symbol
 // table (what it exports and what it needs at load).
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 
-#include <dlfcn.h>
-
 #include <cstdint>
-#include <cstdlib>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <set>
@@ -184,7 +183,8 @@ bool sanitized_build() {
 }  // namespace
 
 TEST(SharedLibrary, ExportsExactlyTheDocumentedNames) {
-    if (sanitized_build()) GTEST_SKIP() << "sanitizer runtimes add symbols (TESSEL_SANITIZED_BUILD)";
+    if (sanitized_build())
+        GTEST_SKIP() << "sanitizer runtimes add symbols (TESSEL_SANITIZED_BUILD)";
     const std::set<std::string> documented = {
         // entry points
         "FnLgmVersion", "FnLgmAbout", "FnLgmWarning", "FnKalmanFil", "FnLgmLik", "FnLgmLikConc",
@@ -202,32 +202,50 @@ TEST(SharedLibrary, ExportsExactlyTheDocumentedNames) {
         "LgmSignalSmo", "fMultiWeightPred", "fUnivWeightPred", "fMultiWeightFil", "fUnivWeightFil",
         "fMultiWeightSmo", "fUnivWeightSmo", "fGetLgmUnivArma", "fGetLgmUnivStsm"};
     const std::string lib = TESSEL_LIBRARY_FILE;
-    const auto exported = lines_of(run("nm -D --defined-only --format=posix " + lib +
-                                       " | awk '$2 ~ /[TDBRV]/ {print $1}'"));
+    const auto exported = lines_of(
+        run("nm -D --defined-only --format=posix " + lib + " | awk '$2 ~ /[TDBRV]/ {print $1}'"));
     ASSERT_FALSE(exported.empty()) << "could not read the symbols of " << lib;
     for (const auto &name : exported) EXPECT_TRUE(documented.count(name)) << "exports " << name;
     for (const auto &name : documented) EXPECT_TRUE(exported.count(name)) << "misses " << name;
 }
 
 TEST(SharedLibrary, NeedsOnlyTheSystemLibrariesAndTheHost) {
-    if (sanitized_build()) GTEST_SKIP() << "sanitizer runtimes add symbols (TESSEL_SANITIZED_BUILD)";
+    if (sanitized_build())
+        GTEST_SKIP() << "sanitizer runtimes add symbols (TESSEL_SANITIZED_BUILD)";
     const std::string lib = TESSEL_LIBRARY_FILE;
     // The C++ runtime appears only for exception unwinding: host errors are
     // C++ exceptions, and the library's cleanups run while they pass.
     const std::set<std::string> allowed_needed = {"libc.so.6", "libm.so.6", "libstdc++.so.6",
                                                   "libgcc_s.so.1"};
-    const auto needed = lines_of(run("readelf -d " + lib +
-                                     " | sed -n 's/.*Shared library: \\[\\(.*\\)\\]/\\1/p'"));
+    const auto needed =
+        lines_of(run("readelf -d " + lib + " | sed -n 's/.*Shared library: \\[\\(.*\\)\\]/\\1/p'"));
     ASSERT_FALSE(needed.empty());
     for (const auto &n : needed) EXPECT_TRUE(allowed_needed.count(n)) << "needs " << n;
 
-    const std::set<std::string> host_ops = {
-        "ZuLibCheckType", "ZuLibCheckMatrixSize", "ZuLibValMatMalloc", "ZuFreeByValue",
-        "ZuRunError", "ZuRunErrorMessage", "ZuRunMessage", "MatAllocBlock", "MatFreeBlock",
-        "MatZero", "MatI", "MatAdd", "MatAB", "MatBSBt", "MatBtSB", "IInvDet", "ILDLdec",
-        "IMatRank", "MatRann", "DRanNormalPM", "TabAllocPlain", "TabFreePlain"};
-    const auto undefined = lines_of(run("nm -D --undefined-only --format=posix " + lib +
-                                        " | awk '$2 == \"U\" {print $1}'"));
+    const std::set<std::string> host_ops = {"ZuLibCheckType",
+                                            "ZuLibCheckMatrixSize",
+                                            "ZuLibValMatMalloc",
+                                            "ZuFreeByValue",
+                                            "ZuRunError",
+                                            "ZuRunErrorMessage",
+                                            "ZuRunMessage",
+                                            "MatAllocBlock",
+                                            "MatFreeBlock",
+                                            "MatZero",
+                                            "MatI",
+                                            "MatAdd",
+                                            "MatAB",
+                                            "MatBSBt",
+                                            "MatBtSB",
+                                            "IInvDet",
+                                            "ILDLdec",
+                                            "IMatRank",
+                                            "MatRann",
+                                            "DRanNormalPM",
+                                            "TabAllocPlain",
+                                            "TabFreePlain"};
+    const auto undefined = lines_of(
+        run("nm -D --undefined-only --format=posix " + lib + " | awk '$2 == \"U\" {print $1}'"));
     for (const auto &sym : undefined) {
         const bool versioned = sym.find('@') != std::string::npos;  // libc, libm, C++ runtime
         EXPECT_TRUE(host_ops.count(sym) || versioned || sym == "_Unwind_Resume" ||

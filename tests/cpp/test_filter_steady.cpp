@@ -81,10 +81,9 @@ FilterRun filter(const Model &md, const std::vector<double> &y, int n, bool allo
                                           nullptr, varidx ? tv.p : nullptr, nullptr, W1.p, W2.p,
                                           store.p, &r.logdet, &r.sumsq, &r.cnt, allow, &r.steady);
     else
-        r.rc = tessel::multi_kalman_filter(N, n, Y.p, m, sys.p, var.p, mean.data(), nullptr,
-                                           varidx, nullptr, varidx ? tv.p : nullptr, nullptr,
-                                           W1.p, W2.p, store.p, &r.logdet, &r.sumsq, &r.cnt,
-                                           allow, &r.steady);
+        r.rc = tessel::multi_kalman_filter(N, n, Y.p, m, sys.p, var.p, mean.data(), nullptr, varidx,
+                                           nullptr, varidx ? tv.p : nullptr, nullptr, W1.p, W2.p,
+                                           store.p, &r.logdet, &r.sumsq, &r.cnt, allow, &r.steady);
     for (int i = 0; i < S; ++i)
         for (int t = 0; t < n; ++t) r.store.push_back(store[i][t]);
     for (int i = 0; i <= mN; ++i)
@@ -109,8 +108,8 @@ long expect_same_as_full(const Model &md, const std::vector<double> &y, int n) {
     for (std::size_t k = 0; k < full.store.size() && bad < 5; ++k)
         if (!same_bits(fast.store[k], full.store[k])) {
             ++bad;
-            ADD_FAILURE() << "store row " << k / n << " column " << k % n << ": "
-                          << fast.store[k] << " vs " << full.store[k];
+            ADD_FAILURE() << "store row " << k / n << " column " << k % n << ": " << fast.store[k]
+                          << " vs " << full.store[k];
         }
     for (std::size_t k = 0; k < full.W1.size(); ++k)
         EXPECT_TRUE(same_bits(fast.W1[k], full.W1[k])) << "W1 element " << k;
@@ -173,7 +172,8 @@ Model multi() {
     std::mt19937_64 rng(11);
     std::uniform_real_distribution<double> u(-0.2, 0.2);
     for (int i = 0; i < p; ++i)
-        for (int j = 0; j < m; ++j) md.sys[i * m + j] = u(rng) + (i == j ? 0.6 : 0.0) + (i >= m && j == i - m ? 1.0 : 0.0);
+        for (int j = 0; j < m; ++j)
+            md.sys[i * m + j] = u(rng) + (i == j ? 0.6 : 0.0) + (i >= m && j == i - m ? 1.0 : 0.0);
     for (int i = 0; i < p; ++i) md.var[i * p + i] = i < m ? 0.3 : 1.0;
     md.var[0 * p + m] = md.var[m * p + 0] = 0.1;
     return md;
@@ -202,9 +202,11 @@ TEST(FilterSteadyState, SmallModelsWithRandomGapsMatchFullRecursion) {
         SCOPED_TRACE(share);
         // With gaps every 20 steps on average few runs reach the cycle.
         const long floor = share <= 0.01 ? n / 5 : 0;
-        const long ll = expect_same_as_full(local_level(), with_random_gaps(data(1, n, 0, 6), share, 7), n);
+        const long ll =
+            expect_same_as_full(local_level(), with_random_gaps(data(1, n, 0, 6), share, 7), n);
         EXPECT_GT(ll, floor);
-        const long arma = expect_same_as_full(arma21(), with_random_gaps(data(1, n, 0, 8), share, 9), n);
+        const long arma =
+            expect_same_as_full(arma21(), with_random_gaps(data(1, n, 0, 8), share, 9), n);
         EXPECT_GT(arma, floor);
     }
 }
@@ -256,7 +258,7 @@ TEST(FilterSteadyState, TimeVaryingVarianceNeverTakesTheShortcut) {
         const int mN = md.m + N;
         md.varidx.assign(std::size_t(mN) * mN, -1);
         md.varidx[std::size_t(md.m) * mN + md.m] = 0;  // first observation variance
-        md.tv.assign(n, 1.0);                            // constant values, still time-varying
+        md.tv.assign(n, 1.0);                          // constant values, still time-varying
         const FilterRun r = filter(md, data(N, n, 0, 5), n, true);
         EXPECT_EQ(r.rc, 1);
         EXPECT_EQ(r.steady, 0) << "N = " << N;

@@ -35,7 +35,8 @@ long double cofactor_det(const LMat &a, std::vector<int> &cols, int row) {
         const int c = cols[k];
         if (c < 0) continue;
         cols[k] = -1;
-        const long double term = a[row][c] == 0.0L ? 0.0L : a[row][c] * cofactor_det(a, cols, row + 1);
+        const long double term =
+            a[row][c] == 0.0L ? 0.0L : a[row][c] * cofactor_det(a, cols, row + 1);
         cols[k] = c;
         sum += sign * term;
         sign = -sign;
@@ -117,7 +118,8 @@ int check_inverse(const Mat &a, const char *what) {
     double logdet = 12345.0;
     int sign = 12345;
     EXPECT_EQ(IInvDet(x.get(), n, &logdet, &sign), 0);
-    for (int i = 0; i < n; ++i) EXPECT_EQ(x.get()[i], rows_before[i]) << "row pointers must stay in place";
+    for (int i = 0; i < n; ++i)
+        EXPECT_EQ(x.get()[i], rows_before[i]) << "row pointers must stay in place";
     EXPECT_EQ(sign, det > 0 ? 1 : -1);
     EXPECT_NEAR(logdet, static_cast<double>(std::log(std::fabs(det))), tol);
 
@@ -129,8 +131,10 @@ int check_inverse(const Mat &a, const char *what) {
             // X A = I, residual relative to |X||A| scale.
             long double r = 0.0L;
             for (int k = 0; k < n; ++k) r += static_cast<long double>(x[i][k]) * al[k][j];
-            EXPECT_NEAR(static_cast<double>(r), i == j ? 1.0 : 0.0, tol) << "(X A)[" << i << "][" << j << "]";
-            EXPECT_NEAR(x[i][j], static_cast<double>(ref[i][j]), tol * refmax) << "X[" << i << "][" << j << "]";
+            EXPECT_NEAR(static_cast<double>(r), i == j ? 1.0 : 0.0, tol)
+                << "(X A)[" << i << "][" << j << "]";
+            EXPECT_NEAR(x[i][j], static_cast<double>(ref[i][j]), tol * refmax)
+                << "X[" << i << "][" << j << "]";
         }
     return det > 0 ? 1 : -1;
 }
@@ -159,7 +163,8 @@ TEST(HostIInvDet, AgainstTheOracles) {
         // eigenvalues negative.
         Mat ind(spd);
         for (int i = 0; i < n; ++i) ind[i][i] -= 1.5 * n;
-        if (std::fabs(static_cast<double>(det_oracle(ind))) > 1e-3) check_inverse(ind, "indefinite");
+        if (std::fabs(static_cast<double>(det_oracle(ind))) > 1e-3)
+            check_inverse(ind, "indefinite");
     }
     EXPECT_GT(negative, 5);
     EXPECT_GT(positive, 5);
@@ -257,7 +262,8 @@ std::vector<double> check_ldl(const Mat &orig, const char *what) {
                 s += term;
                 sabs += std::fabs(term);
             }
-            EXPECT_NEAR(s, orig[i][j], 4.0 * n * kEps * sabs + 1e-300) << "(" << i << ", " << j << ")";
+            EXPECT_NEAR(s, orig[i][j], 4.0 * n * kEps * sabs + 1e-300)
+                << "(" << i << ", " << j << ")";
         }
     for (int i = 0; i < n; ++i)
         for (int j = i + 1; j < n; ++j) {
@@ -298,7 +304,8 @@ TEST(HostILDLdec, PivotRules) {
     EXPECT_DOUBLE_EQ(d[0], -0.5);       // 1 / -2
     EXPECT_DOUBLE_EQ(a[1][0], -0.5);    // 1 / -2
     EXPECT_DOUBLE_EQ(d[1], 1.0 / 3.5);  // 3 - (-0.5)^2 (-2) = 3.5
-    for (const std::vector<double> &v : {std::vector<double>{0, 1, 1, 1}, std::vector<double>{1, 1, 1, 1}}) {
+    for (const std::vector<double> &v :
+         {std::vector<double>{0, 1, 1, 1}, std::vector<double>{1, 1, 1, 1}}) {
         Mat z(2, 2, v);
         EXPECT_NE(ILDLdec(z.get(), d.data(), 2), 0);
     }
@@ -327,7 +334,8 @@ TEST(HostProducts, MatABAgainstTripleLoop) {
         for (int i = 0; i < rows; ++i)
             for (int j = 0; j < cols; ++j) {
                 double ref = 0, rabs = 0;
-                for (int k = 0; k < inner; ++k) ref += a[i][k] * b[k][j], rabs += std::fabs(a[i][k] * b[k][j]);
+                for (int k = 0; k < inner; ++k)
+                    ref += a[i][k] * b[k][j], rabs += std::fabs(a[i][k] * b[k][j]);
                 EXPECT_NEAR(r[i][j], ref, 2 * inner * kEps * rabs);
             }
     }
@@ -340,13 +348,15 @@ TEST(HostProducts, MatBSBtAndMatBtSBAgainstLoops) {
     const int shapes[][2] = {{1, 1}, {2, 5}, {5, 2}, {4, 4}, {3, 7}, {7, 3}};
     for (bool transposed : {false, true})
         for (const auto &s : shapes) {
-            SCOPED_TRACE(std::string(transposed ? "B' S B " : "B S B' ") + std::to_string(s[0]) + "x" +
-                         std::to_string(s[1]));
-            const int rowsB = s[0], colsB = s[1], order = transposed ? rowsB : colsB, out = transposed ? colsB : rowsB;
+            SCOPED_TRACE(std::string(transposed ? "B' S B " : "B S B' ") + std::to_string(s[0]) +
+                         "x" + std::to_string(s[1]));
+            const int rowsB = s[0], colsB = s[1], order = transposed ? rowsB : colsB,
+                      out = transposed ? colsB : rowsB;
             Mat b(rowsB, colsB), core(order, order), r(out, out);
             fill_uniform(b, rng);
             fill_spd(core, rng);
-            Mat S(order + 2, order + 2, std::vector<double>((order + 2) * (order + 2), std::nan("")));
+            Mat S(order + 2, order + 2,
+                  std::vector<double>((order + 2) * (order + 2), std::nan("")));
             for (int i = 0; i < order; ++i)
                 for (int j = 0; j < order; ++j) S[i][j] = core[i][j];
             if (transposed)
@@ -408,7 +418,8 @@ TEST(HostIMatRank, ConstructedRanksZeroMatrixAndTolerance) {
         const Mat keep(a);
         EXPECT_EQ(IMatRank(a.get(), rows, cols, 0.0), rank) << rows << "x" << cols;
         for (int i = 0; i < rows; ++i)
-            for (int j = 0; j < cols; ++j) ASSERT_EQ(a[i][j], keep[i][j]) << "A must not be modified";
+            for (int j = 0; j < cols; ++j)
+                ASSERT_EQ(a[i][j], keep[i][j]) << "A must not be modified";
     }
     Mat z(4, 3);
     EXPECT_EQ(IMatRank(z.get(), 4, 3, 0.0), 0);

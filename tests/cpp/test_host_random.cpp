@@ -6,9 +6,9 @@
 #include <cmath>
 #include <vector>
 
-#include "test_util.h"
 #include "tessel/host.hpp"
 #include "tessel/zu.h"
+#include "test_util.h"
 
 namespace {
 

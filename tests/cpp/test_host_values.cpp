@@ -305,19 +305,29 @@ TEST(HostChecks, ErrorTextsAndMissingArguments) {
     a.push_back(zu::Value::integer(6));
     const std::string f = "KalmanFil(): argument ";
     const std::vector<Case> cases = {
-        {zu::kErrorType, f + "3: expected matrix, found reference", [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v, 0, 2); }},
-        {zu::kErrorType, f + "2: expected integer, found double that is not an integer", [](ZuValue *v) { ZuLibCheckType(ZU_INT, v, 1, 1); }},
-        {zu::kErrorType, f + "4: expected integer, found double that is not an integer", [](ZuValue *v) { ZuLibCheckType(ZU_INT, v, 3, 3); }},
-        {zu::kErrorType, f + "1: expected reference, found matrix", [](ZuValue *v) { ZuLibCheckType(ZU_REF, v, 0, 0); }},
-        {zu::kErrorType, f + "1: expected double, found matrix", [](ZuValue *v) { ZuLibCheckType(ZU_DOUBLE, v, 0, 0); }},
-        {zu::kErrorType, f + "3: expected matrix, found reference", [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v + 2, 0, 0); }},
-        {zu::kErrorSize, f + "5: expected 2 x 1 matrix, found 3 x 1", [](ZuValue *v) { ZuLibCheckMatrixSize(v, 4, 4, 2, 1); }},
-        {zu::kErrorSize, f + "6: expected 2 x 2 matrix, found 1 x 1", [](ZuValue *v) { ZuLibCheckMatrixSize(v, 5, 5, 2, 2); }},
-        {zu::kErrorSize, f + "3: expected 1 x 1 matrix, found reference", [](ZuValue *v) { ZuLibCheckMatrixSize(v, 2, 2, 1, 1); }},
+        {zu::kErrorType, f + "3: expected matrix, found reference",
+         [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v, 0, 2); }},
+        {zu::kErrorType, f + "2: expected integer, found double that is not an integer",
+         [](ZuValue *v) { ZuLibCheckType(ZU_INT, v, 1, 1); }},
+        {zu::kErrorType, f + "4: expected integer, found double that is not an integer",
+         [](ZuValue *v) { ZuLibCheckType(ZU_INT, v, 3, 3); }},
+        {zu::kErrorType, f + "1: expected reference, found matrix",
+         [](ZuValue *v) { ZuLibCheckType(ZU_REF, v, 0, 0); }},
+        {zu::kErrorType, f + "1: expected double, found matrix",
+         [](ZuValue *v) { ZuLibCheckType(ZU_DOUBLE, v, 0, 0); }},
+        {zu::kErrorType, f + "3: expected matrix, found reference",
+         [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v + 2, 0, 0); }},
+        {zu::kErrorSize, f + "5: expected 2 x 1 matrix, found 3 x 1",
+         [](ZuValue *v) { ZuLibCheckMatrixSize(v, 4, 4, 2, 1); }},
+        {zu::kErrorSize, f + "6: expected 2 x 2 matrix, found 1 x 1",
+         [](ZuValue *v) { ZuLibCheckMatrixSize(v, 5, 5, 2, 2); }},
+        {zu::kErrorSize, f + "3: expected 1 x 1 matrix, found reference",
+         [](ZuValue *v) { ZuLibCheckMatrixSize(v, 2, 2, 1, 1); }},
         {zu::kErrorType, f + "7 missing", [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v, 4, 7); }},
         {zu::kErrorSize, f + "7 missing", [](ZuValue *v) { ZuLibCheckMatrixSize(v, 6, 8, 1, 1); }},
         {zu::kErrorType, f + "0 missing", [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v, -1, 0); }},
-        {zu::kErrorType, f + "7 missing", [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v + 5, 1, 1); }},
+        {zu::kErrorType, f + "7 missing",
+         [](ZuValue *v) { ZuLibCheckType(ZU_MATRIX, v + 5, 1, 1); }},
     };
     in_call("KalmanFil", a, [&](ZuValue *args) {
         for (const Case &c : cases) expect_error([&] { c.check(args); }, c.number, c.text);
@@ -327,7 +337,8 @@ TEST(HostChecks, ErrorTextsAndMissingArguments) {
     EXPECT_EQ(a[1].type(), ZU_DOUBLE);
     std::vector<zu::Value> none;
     in_call("LgmVersion", none, [](ZuValue *args) {
-        expect_error([&] { ZuLibCheckType(ZU_INT, args, 0, 0); }, zu::kErrorType, "LgmVersion(): argument 1 missing");
+        expect_error([&] { ZuLibCheckType(ZU_INT, args, 0, 0); }, zu::kErrorType,
+                     "LgmVersion(): argument 1 missing");
     });
 }
 
@@ -336,12 +347,15 @@ TEST(HostChecks, ErrorTextsAndMissingArguments) {
 TEST(HostErrors, RunErrorTexts) {
     std::vector<zu::Value> none;
     in_call("KalmanSmo", none, [](ZuValue *) {
-        expect_error([] { ZuRunError(4, nullptr); }, zu::kErrorMemory, "KalmanSmo(): out of memory");
-        expect_error([] { ZuRunError(4, "ignored"); }, zu::kErrorMemory, "KalmanSmo(): out of memory");
+        expect_error([] { ZuRunError(4, nullptr); }, zu::kErrorMemory,
+                     "KalmanSmo(): out of memory");
+        expect_error([] { ZuRunError(4, "ignored"); }, zu::kErrorMemory,
+                     "KalmanSmo(): out of memory");
         expect_error([] { ZuRunError(17, nullptr); }, 17, "KalmanSmo(): run-time error 17");
-        expect_error([] { ZuRunError(17, "SysMat"); }, 17, "KalmanSmo(): run-time error 17: SysMat");
-        expect_error([] { ZuRunErrorMessage("GetLgmArma(): six arguments required"); }, zu::kErrorMessage,
-                     "GetLgmArma(): six arguments required");
+        expect_error([] { ZuRunError(17, "SysMat"); }, 17,
+                     "KalmanSmo(): run-time error 17: SysMat");
+        expect_error([] { ZuRunErrorMessage("GetLgmArma(): six arguments required"); },
+                     zu::kErrorMessage, "GetLgmArma(): six arguments required");
         EXPECT_EQ(zu::current_function(), "KalmanSmo");
     });
     EXPECT_EQ(zu::current_function(), "");

@@ -42,7 +42,8 @@ FilterResult run_filter(bool univ, const LgmModel &md, int n, const std::vector<
     const int m = md.m, N = md.N, mN = m + N, S = md.store_rows();
     HostMat sys(mN, m, md.sys), var(mN, mN, md.var), W1(mN + 1, mN), W2(mN + 2, mN);
     for (int k = 0; k < mN; ++k) W2[mN + 1][k] = md.mean.empty() ? 0.0 : md.mean[k];
-    HostMat Y(N, n, y), init(m + 1, m, md.init), store(S, n, std::vector<double>(S * n, store_fill));
+    HostMat Y(N, n, y), init(m + 1, m, md.init),
+        store(S, n, std::vector<double>(S * n, store_fill));
     HostMat tv(md.tvrows > 0 ? md.tvrows : 1, n, md.tvrows > 0 ? md.tvdata : std::vector<double>());
     HostIdx sidx(mN, m, md.sysidx.empty() ? std::vector<int>(mN * m, -1) : ints(md.sysidx));
     HostIdx vidx(mN, mN, md.varidx.empty() ? std::vector<int>(mN * mN, -1) : ints(md.varidx));
@@ -68,7 +69,8 @@ FilterResult run_filter(bool univ, const LgmModel &md, int n, const std::vector<
 
 // |a - b| <= tol, with NaN equal to NaN.
 ::testing::AssertionResult Near(double a, double b, double tol) {
-    if ((std::isnan(a) && std::isnan(b)) || std::fabs(a - b) <= tol) return ::testing::AssertionSuccess();
+    if ((std::isnan(a) && std::isnan(b)) || std::fabs(a - b) <= tol)
+        return ::testing::AssertionSuccess();
     return ::testing::AssertionFailure() << a << " vs " << b << " (tol " << tol << ")";
 }
 
@@ -92,7 +94,7 @@ LgmModel trend_model(int n, bool diffuse, bool time_varying) {
     md.tvdata.resize(2 * n);
     for (int t = 0; t < n; ++t) {
         md.tvdata[t] = 1.0 + 0.5 * std::sin(0.9 * t) * std::sin(0.9 * t);  // obs variance
-        md.tvdata[n + t] = 0.05 * t;                                        // obs intercept
+        md.tvdata[n + t] = 0.05 * t;                                       // obs intercept
     }
     return md;
 }
@@ -128,7 +130,8 @@ TEST(KalmanFilterUnivVsMulti, SameStoreAndLikelihoodPieces) {
         EXPECT_TRUE(Near(u.sumsq, mu.sumsq, c.tol * std::fmax(1.0, std::fabs(mu.sumsq))));
         ASSERT_EQ(u.store.size(), mu.store.size());
         for (std::size_t k = 0; k < u.store.size(); ++k)
-            EXPECT_TRUE(Near(u.store[k], mu.store[k], c.tol * std::fmax(1.0, std::fabs(mu.store[k]))))
+            EXPECT_TRUE(
+                Near(u.store[k], mu.store[k], c.tol * std::fmax(1.0, std::fabs(mu.store[k]))))
                 << "store row " << k / c.n << " column " << k % c.n;
     }
 }

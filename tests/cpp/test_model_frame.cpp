@@ -80,7 +80,8 @@ TEST(ModelCheck, ReportsDimensionsForEveryDataMode) {
 
 TEST(ModelCheck, RejectsWrongShapesWithHostErrors) {
     Args wrong_rows = model_args(Value::matrix(3, 7));
-    EXPECT_NE(check_error(FrameVariant::Copying, wrong_rows, 0, 0).find("3 x 7"), std::string::npos);
+    EXPECT_NE(check_error(FrameVariant::Copying, wrong_rows, 0, 0).find("3 x 7"),
+              std::string::npos);
     Args wrong_store = model_args(Value::matrix(8, 2));
     EXPECT_NE(check_error(FrameVariant::Copying, wrong_store, 0, 1), "");
     Args wrong_var = model_args(Value::matrix(2, 3));
@@ -97,7 +98,8 @@ TEST(ModelCheck, RejectsWrongShapesWithHostErrors) {
     Args too_few;
     too_few.push_back(Value::matrix(1, 3));
     too_few.push_back(mat(2, 1, {1, 1}));
-    EXPECT_EQ(check_error(FrameVariant::Copying, too_few, 0, 0), "Lgm(): at least 3 arguments required");
+    EXPECT_EQ(check_error(FrameVariant::Copying, too_few, 0, 0),
+              "Lgm(): at least 3 arguments required");
 }
 
 TEST(ModelCheck, SquareSysMatNamesTheDataArgument) {
@@ -108,14 +110,16 @@ TEST(ModelCheck, SquareSysMatNamesTheDataArgument) {
         a.push_back(Value::matrix(1, 4));
         a.push_back(mat(2, 2, {1, 0, 0, 1}));
         a.push_back(mat(2, 2, {1, 0, 0, 1}));
-        EXPECT_EQ(check_error(v, a, 2, 0), "\nLgm(): number of rows or columns not correct in argument 2\n");
+        EXPECT_EQ(check_error(v, a, 2, 0),
+                  "\nLgm(): number of rows or columns not correct in argument 2\n");
     }
 }
 
 TEST(ModelCheck, OptionalArgumentsFollowTheAbsenceRule) {
     Args base = model_args(Value::matrix(2, 5));
     // Not passed, empty, 1 x 1 zero and scalar zero are absent.
-    for (Value absent : {Value::empty(), Value::matrix(1, 1), Value::integer(0), Value::real(0.0)}) {
+    for (Value absent :
+         {Value::empty(), Value::matrix(1, 1), Value::integer(0), Value::real(0.0)}) {
         Args a = base;
         a.push_back(absent);
         a.push_back(absent);
@@ -150,7 +154,8 @@ TEST(ModelCheck, PartialTimeVaryingBlockWarnsAndStaysFixed) {
             Args a = model_args(Value::matrix(2, 5));
             a.push_back(Value::empty());
             a.push_back(Value::empty());
-            for (int k = 0; k < extra; ++k) a.push_back(mat(4, 2, {-1, -1, -1, -1, -1, -1, -1, -1}));
+            for (int k = 0; k < extra; ++k)
+                a.push_back(mat(4, 2, {-1, -1, -1, -1, -1, -1, -1, -1}));
             MessageCapture cap;
             EXPECT_EQ(check(v, a, 0, 0).tv, 0);
             ASSERT_EQ(cap.messages.size(), 1u);

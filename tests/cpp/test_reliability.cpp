@@ -30,14 +30,14 @@
 namespace {
 
 using testutil::Args;
+using testutil::call_crafted;
+using testutil::call_outcome;
+using testutil::CallArgs;
+using testutil::Crafted;
 using testutil::kNaN;
 using testutil::mat;
 using testutil::MessageCapture;
-using testutil::CallArgs;
-using testutil::Crafted;
 using testutil::Outcome;
-using testutil::call_crafted;
-using testutil::call_outcome;
 using zu::Value;
 
 // ------------------------------------------------------------ argument sets
@@ -50,7 +50,8 @@ constexpr int kTime = 8;
 Value observations(int N) {
     std::vector<double> v;
     for (int i = 0; i < N; ++i)
-        for (int t = 0; t < kTime; ++t) v.push_back(t == 3 + i ? kNaN : 0.5 * i + 0.3 * t - 0.02 * t * t);
+        for (int t = 0; t < kTime; ++t)
+            v.push_back(t == 3 + i ? kNaN : 0.5 * i + 0.3 * t - 0.02 * t * t);
     return mat(N, kTime, v);
 }
 
@@ -166,10 +167,11 @@ std::map<std::string, std::map<std::string, Row>> &table() {
     return t;
 }
 
-const char *kind_name(Kind k) { return k == Kind::Matrix ? "matrix" : k == Kind::Flag ? "flag" : "none"; }
+const char *kind_name(Kind k) {
+    return k == Kind::Matrix ? "matrix" : k == Kind::Flag ? "flag" : "none";
+}
 
 // Calls once without injection; returns the result and messages.
-
 
 void expect_same_value(const Value &a, const Value &b, const std::string &what) {
     ASSERT_EQ(a.type(), b.type()) << what;
@@ -185,7 +187,8 @@ void expect_same_value(const Value &a, const Value &b, const std::string &what) 
         const std::vector<double> x = a.to_vector(), y = b.to_vector();
         for (std::size_t k = 0; k < x.size(); ++k)
             if (!(x[k] == y[k] || (x[k] != x[k] && y[k] != y[k]))) {
-                ADD_FAILURE() << what << ": element " << k << " is " << x[k] << ", undisturbed " << y[k];
+                ADD_FAILURE() << what << ": element " << k << " is " << x[k] << ", undisturbed "
+                              << y[k];
                 return;
             }
     }
@@ -202,7 +205,8 @@ void sweep(const SweepCase &sc) {
     ASSERT_FALSE(reference.threw) << "undisturbed call raised: " << reference.text;
     // Only the banner prints in an undisturbed call.
     if (sc.entry != "LgmAbout") {
-        ASSERT_TRUE(reference.messages.empty()) << "undisturbed call printed: " << reference.messages[0];
+        ASSERT_TRUE(reference.messages.empty())
+            << "undisturbed call printed: " << reference.messages[0];
     }
     for (const Value &v : ref_args->vars) reference.refs.push_back(v);
 
@@ -226,7 +230,8 @@ void sweep(const SweepCase &sc) {
                 EXPECT_EQ(o.messages, reference.messages);
                 ASSERT_EQ(c->vars.size(), reference.refs.size());
                 for (std::size_t r = 0; r < c->vars.size(); ++r)
-                    expect_same_value(c->vars[r], reference.refs[r], "reference " + std::to_string(r));
+                    expect_same_value(c->vars[r], reference.refs[r],
+                                      "reference " + std::to_string(r));
             } else {
                 ++row.sites;
                 bool ok = false;
@@ -245,13 +250,14 @@ void sweep(const SweepCase &sc) {
                 }
                 if (!ok) {
                     row.clean = false;
-                    ADD_FAILURE() << "failing allocation " << k << " ended in an undocumented report: "
-                                  << (o.threw ? "error " + std::to_string(o.number) + " \"" + o.text + "\""
-                                              : std::string("no error, result type ") +
-                                                    std::to_string(o.result.type()) + ", " +
-                                                    std::to_string(o.messages.size()) + " message(s)" +
-                                                    (o.messages.empty() ? "" : ": \"" + o.messages[0] + "\""))
-                                  << " (" << kind_name(sc.reports.kind) << " return)";
+                    ADD_FAILURE()
+                        << "failing allocation " << k << " ended in an undocumented report: "
+                        << (o.threw ? "error " + std::to_string(o.number) + " \"" + o.text + "\""
+                                    : std::string("no error, result type ") +
+                                          std::to_string(o.result.type()) + ", " +
+                                          std::to_string(o.messages.size()) + " message(s)" +
+                                          (o.messages.empty() ? "" : ": \"" + o.messages[0] + "\""))
+                        << " (" << kind_name(sc.reports.kind) << " return)";
                 }
             }
         }
@@ -291,37 +297,45 @@ std::vector<SweepCase> all_cases() {
     // Informational entry points: no allocation at all.
     add("LgmVersion", "", [] { return std::make_unique<CallArgs>(); }, {Kind::None, {}, ""});
     add("LgmAbout", "", [] { return std::make_unique<CallArgs>(); }, {Kind::None, {}, ""});
-    add("LgmWarning", "on", [] {
-        auto c = std::make_unique<CallArgs>();
-        c->add(Value::integer(1));  // never silence: see test_bad_input.cpp
-        return c;
-    }, {Kind::None, {}, ""});
+    add("LgmWarning", "on",
+        [] {
+            auto c = std::make_unique<CallArgs>();
+            c->add(Value::integer(1));  // never silence: see test_bad_input.cpp
+            return c;
+        },
+        {Kind::None, {}, ""});
 
     for (const ModelSpec &s : model_specs()) {
         const std::string v = s.name();
-        add("KalmanFil", v, [s] {
-            auto c = std::make_unique<CallArgs>();
-            c->add(observations(s.N));
-            add_model(*c, s);
-            return c;
-        }, {Kind::Matrix, {}, psd("KalmanFil")});
-        for (const char *lik : {"LgmLik", "LgmLikConc"})
-            add(lik, v, [s] {
+        add("KalmanFil", v,
+            [s] {
                 auto c = std::make_unique<CallArgs>();
-                c->ref();
-                c->ref();
                 c->add(observations(s.N));
                 add_model(*c, s);
                 return c;
-            }, {Kind::Flag, {}, psd(lik)});
-        add("LgmRecursion", v, [s] {
-            auto c = std::make_unique<CallArgs>();
-            std::vector<double> u;
-            for (int i = 0; i < s.p() * kTime; ++i) u.push_back(0.1 * ((i * 7) % 5) - 0.2);
-            c->add(mat(s.p(), kTime, u));
-            add_model(*c, s);
-            return c;
-        }, {Kind::Matrix, {}, ""});
+            },
+            {Kind::Matrix, {}, psd("KalmanFil")});
+        for (const char *lik : {"LgmLik", "LgmLikConc"})
+            add(lik, v,
+                [s] {
+                    auto c = std::make_unique<CallArgs>();
+                    c->ref();
+                    c->ref();
+                    c->add(observations(s.N));
+                    add_model(*c, s);
+                    return c;
+                },
+                {Kind::Flag, {}, psd(lik)});
+        add("LgmRecursion", v,
+            [s] {
+                auto c = std::make_unique<CallArgs>();
+                std::vector<double> u;
+                for (int i = 0; i < s.p() * kTime; ++i) u.push_back(0.1 * ((i * 7) % 5) - 0.2);
+                c->add(mat(s.p(), kTime, u));
+                add_model(*c, s);
+                return c;
+            },
+            {Kind::Matrix, {}, ""});
         // Filter store and simulation smoother weights, computed by an
         // undisturbed call the first time the arguments are made.
         auto store = std::make_shared<Value>();
@@ -334,105 +348,133 @@ std::vector<SweepCase> all_cases() {
             if (weights->is_none()) *weights = weights_of(s);
             return *weights;
         };
-        add("KalmanSmo", v, [s, get_store] {
-            auto c = std::make_unique<CallArgs>();
-            c->add(get_store());
-            add_model(*c, s);
-            return c;
-        }, {Kind::Matrix, {}, ""});
-        for (int sel : {0, 5, 1, 3})
-            add("LgmMomentEst", v + ",sel=" + std::to_string(sel), [s, sel] {
+        add("KalmanSmo", v,
+            [s, get_store] {
                 auto c = std::make_unique<CallArgs>();
-                c->add(Value::integer(sel));
-                c->ref();
-                c->add(observations(s.N));
+                c->add(get_store());
                 add_model(*c, s);
                 return c;
-            }, {Kind::Matrix, {}, psd("LgmMomentEst")});
+            },
+            {Kind::Matrix, {}, ""});
+        for (int sel : {0, 5, 1, 3})
+            add("LgmMomentEst", v + ",sel=" + std::to_string(sel),
+                [s, sel] {
+                    auto c = std::make_unique<CallArgs>();
+                    c->add(Value::integer(sel));
+                    c->ref();
+                    c->add(observations(s.N));
+                    add_model(*c, s);
+                    return c;
+                },
+                {Kind::Matrix, {}, psd("LgmMomentEst")});
         for (int refs : {2, 3})
-            add("LgmLikSco", v + "," + std::to_string(refs) + " refs", [s, refs] {
+            add("LgmLikSco", v + "," + std::to_string(refs) + " refs",
+                [s, refs] {
+                    auto c = std::make_unique<CallArgs>();
+                    for (int r = 0; r < refs; ++r) c->ref(Value::real(-7.0));
+                    c->add(observations(s.N));
+                    add_model(*c, s);
+                    return c;
+                },
+                {Kind::Flag,
+                 {"LgmLikSco(): memory allocation failure"},
+                 "LgmLikSco(): non-positive semi-definite innovation matrix"});
+        add("SimSmoWgt", v,
+            [s, get_store] {
                 auto c = std::make_unique<CallArgs>();
-                for (int r = 0; r < refs; ++r) c->ref(Value::real(-7.0));
-                c->add(observations(s.N));
+                c->add(state_selection(s));
+                c->add(get_store());
                 add_model(*c, s);
                 return c;
-            }, {Kind::Flag, {"LgmLikSco(): memory allocation failure"},
-                "LgmLikSco(): non-positive semi-definite innovation matrix"});
-        add("SimSmoWgt", v, [s, get_store] {
-            auto c = std::make_unique<CallArgs>();
-            c->add(state_selection(s));
-            c->add(get_store());
-            add_model(*c, s);
-            return c;
-        }, {Kind::Flag, {}, "SimSmoWgt(): choleski decomposition failed"});
-        add("SimSmoDraw", v, [s, get_store, get_weights] {
-            auto c = std::make_unique<CallArgs>();
-            c->add(state_selection(s));
-            c->add(draws(s.m()));
-            c->add(get_weights());
-            c->add(get_store());
-            add_model(*c, s);
-            return c;
-        }, {Kind::Matrix, {}, ""});
+            },
+            {Kind::Flag, {}, "SimSmoWgt(): choleski decomposition failed"});
+        add("SimSmoDraw", v,
+            [s, get_store, get_weights] {
+                auto c = std::make_unique<CallArgs>();
+                c->add(state_selection(s));
+                c->add(draws(s.m()));
+                c->add(get_weights());
+                c->add(get_store());
+                add_model(*c, s);
+                return c;
+            },
+            {Kind::Matrix, {}, ""});
         for (int sel = 1; sel <= 4; ++sel)
-            add("LgmCondDens", v + ",sel=" + std::to_string(sel), [s, sel] {
-                auto c = std::make_unique<CallArgs>();
-                c->add(Value::integer(sel));
-                c->add(observations(s.N));
-                add_model(*c, s);
-                return c;
-            }, {Kind::Matrix, {}, psd("LgmCondDens")});
+            add("LgmCondDens", v + ",sel=" + std::to_string(sel),
+                [s, sel] {
+                    auto c = std::make_unique<CallArgs>();
+                    c->add(Value::integer(sel));
+                    c->add(observations(s.N));
+                    add_model(*c, s);
+                    return c;
+                },
+                {Kind::Matrix, {}, psd("LgmCondDens")});
         for (int sel : {0, 5, 1, 3})
-            add("LgmWeights", v + ",sel=" + std::to_string(sel), [s, sel] {
-                auto c = std::make_unique<CallArgs>();
-                c->add(Value::integer(sel));
-                std::vector<double> marker(static_cast<std::size_t>(s.N) * kTime, 0.0);
-                marker[static_cast<std::size_t>(s.N - 1) * kTime + 5] = 1.0;
-                c->add(mat(s.N, kTime, marker));
-                add_model(*c, s);
-                return c;
-            }, {Kind::Flag, {"LgmWeights(): unknown error"}, ""});
+            add("LgmWeights", v + ",sel=" + std::to_string(sel),
+                [s, sel] {
+                    auto c = std::make_unique<CallArgs>();
+                    c->add(Value::integer(sel));
+                    std::vector<double> marker(static_cast<std::size_t>(s.N) * kTime, 0.0);
+                    marker[static_cast<std::size_t>(s.N - 1) * kTime + 5] = 1.0;
+                    c->add(mat(s.N, kTime, marker));
+                    add_model(*c, s);
+                    return c;
+                },
+                {Kind::Flag, {"LgmWeights(): unknown error"}, ""});
     }
 
     // Model builders.
-    add("GetLgmArma", "ARMA(2,1)", [] {
-        auto c = std::make_unique<CallArgs>();
-        c->add(mat(1, 2, {0.5, -0.2}));
-        c->add(mat(1, 1, {0.3}));
-        c->add(Value::real(1.5));
-        for (int r = 0; r < 3; ++r) c->ref();
-        return c;
-    }, {Kind::Flag, {"GetLgmArma(): memory allocation failure"}, "GetLgmArma(): system error"});
-    add("GetLgmStsm", "trend,cycle,Butterworth,irregular", [] {
-        auto c = std::make_unique<CallArgs>();
-        c->add(mat(4, 5, {0, 1, 0, 0, 0, 6, 1, 0.5, 0.5, 2, 7, 1, 0.3, 0.8, 0, 19, 1, 0, 0, 0}));
-        for (int r = 0; r < 3; ++r) c->ref();
-        return c;
-    }, {Kind::Matrix, {"GetLgmStsm(): memory allocation failure",
-                       // a scratch allocation failure inside the builder routine
-                       "GetLgmStsm(): no correct model specified in argument 1"}, ""});
-    add("GetLgmReg", "k=2", [] {
-        auto c = std::make_unique<CallArgs>();
-        c->add(mat(2, 3, {1, 2, 3, 4, 5, 6}));
-        for (int r = 0; r < 4; ++r) c->ref();
-        return c;
-    }, {Kind::Flag, {"GetLgmReg(): memory allocation failure"}, ""});
-    add("AddLgmReg", "onto level", [] {
-        auto c = std::make_unique<CallArgs>();
-        c->add(mat(2, 3, {1, 2, 3, 4, 5, 6}));
-        c->ref(mat(2, 1, {1, 1}));
-        c->ref(mat(2, 2, {1, 0, 0, 2}));
-        c->ref(mat(2, 1, {-1, 0}));
-        c->ref(Value::empty());
-        return c;
-    }, {Kind::None, {}, ""});
-    add("GetLgmSpline", "8 args", [] {
-        auto c = std::make_unique<CallArgs>();
-        c->add(Value::real(0.5));
-        c->add(mat(1, 4, {1, 2, 0.5, 3}));
-        for (int r = 0; r < 6; ++r) c->ref();
-        return c;
-    }, {Kind::Flag, {}, ""});
+    add("GetLgmArma", "ARMA(2,1)",
+        [] {
+            auto c = std::make_unique<CallArgs>();
+            c->add(mat(1, 2, {0.5, -0.2}));
+            c->add(mat(1, 1, {0.3}));
+            c->add(Value::real(1.5));
+            for (int r = 0; r < 3; ++r) c->ref();
+            return c;
+        },
+        {Kind::Flag, {"GetLgmArma(): memory allocation failure"}, "GetLgmArma(): system error"});
+    add("GetLgmStsm", "trend,cycle,Butterworth,irregular",
+        [] {
+            auto c = std::make_unique<CallArgs>();
+            c->add(
+                mat(4, 5, {0, 1, 0, 0, 0, 6, 1, 0.5, 0.5, 2, 7, 1, 0.3, 0.8, 0, 19, 1, 0, 0, 0}));
+            for (int r = 0; r < 3; ++r) c->ref();
+            return c;
+        },
+        {Kind::Matrix,
+         {"GetLgmStsm(): memory allocation failure",
+          // a scratch allocation failure inside the builder routine
+          "GetLgmStsm(): no correct model specified in argument 1"},
+         ""});
+    add("GetLgmReg", "k=2",
+        [] {
+            auto c = std::make_unique<CallArgs>();
+            c->add(mat(2, 3, {1, 2, 3, 4, 5, 6}));
+            for (int r = 0; r < 4; ++r) c->ref();
+            return c;
+        },
+        {Kind::Flag, {"GetLgmReg(): memory allocation failure"}, ""});
+    add("AddLgmReg", "onto level",
+        [] {
+            auto c = std::make_unique<CallArgs>();
+            c->add(mat(2, 3, {1, 2, 3, 4, 5, 6}));
+            c->ref(mat(2, 1, {1, 1}));
+            c->ref(mat(2, 2, {1, 0, 0, 2}));
+            c->ref(mat(2, 1, {-1, 0}));
+            c->ref(Value::empty());
+            return c;
+        },
+        {Kind::None, {}, ""});
+    add("GetLgmSpline", "8 args",
+        [] {
+            auto c = std::make_unique<CallArgs>();
+            c->add(Value::real(0.5));
+            c->add(mat(1, 4, {1, 2, 0.5, 3}));
+            for (int r = 0; r < 6; ++r) c->ref();
+            return c;
+        },
+        {Kind::Flag, {}, ""});
     return cases;
 }
 
@@ -443,10 +485,11 @@ public:
         if (table().empty()) return;
         std::string text;
         char line[256];
-        text += "Allocation-failure sweep (sites = allocations failed one at a time; "
-                "reports: host error 4 / own text / numeric-failure report)\n";
-        std::snprintf(line, sizeof line, "%-14s %-34s %6s %8s %5s %5s  %s\n", "entry point", "variant",
-                      "sites", "error 4", "text", "num", "clean");
+        text +=
+            "Allocation-failure sweep (sites = allocations failed one at a time; "
+            "reports: host error 4 / own text / numeric-failure report)\n";
+        std::snprintf(line, sizeof line, "%-14s %-34s %6s %8s %5s %5s  %s\n", "entry point",
+                      "variant", "sites", "error 4", "text", "num", "clean");
         text += line;
         long total_sites = 0;
         for (const auto &entry : table())
@@ -454,8 +497,8 @@ public:
                 const Row &r = variant.second;
                 total_sites += r.sites;
                 std::snprintf(line, sizeof line, "%-14s %-34s %6ld %8ld %5ld %5ld  %s\n",
-                              entry.first.c_str(), variant.first.c_str(), r.sites, r.error4, r.own_text,
-                              r.numeric, r.clean ? "yes" : "NO");
+                              entry.first.c_str(), variant.first.c_str(), r.sites, r.error4,
+                              r.own_text, r.numeric, r.clean ? "yes" : "NO");
                 text += line;
             }
         std::snprintf(line, sizeof line, "%zu entry points, %ld failed allocations checked\n",
@@ -502,11 +545,11 @@ INSTANTIATE_TEST_SUITE_P(EveryEntryPoint, AllocationSweep,
 TEST(AllocationSweepCoverage, EveryEntryPointHasACase) {
     std::set<std::string> covered;
     for (const SweepCase &c : cases()) covered.insert(c.entry);
-    const std::set<std::string> all = {
-        "LgmVersion", "LgmAbout",   "LgmWarning", "KalmanFil",   "LgmLik",      "LgmLikConc",
-        "LgmRecursion", "KalmanSmo", "LgmMomentEst", "LgmLikSco", "SimSmoWgt", "SimSmoDraw",
-        "LgmCondDens", "LgmWeights", "GetLgmArma", "GetLgmStsm", "GetLgmReg", "AddLgmReg",
-        "GetLgmSpline"};
+    const std::set<std::string> all = {"LgmVersion",   "LgmAbout",   "LgmWarning",   "KalmanFil",
+                                       "LgmLik",       "LgmLikConc", "LgmRecursion", "KalmanSmo",
+                                       "LgmMomentEst", "LgmLikSco",  "SimSmoWgt",    "SimSmoDraw",
+                                       "LgmCondDens",  "LgmWeights", "GetLgmArma",   "GetLgmStsm",
+                                       "GetLgmReg",    "AddLgmReg",  "GetLgmSpline"};
     EXPECT_EQ(covered, all);
 }
 

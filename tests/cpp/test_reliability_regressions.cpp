@@ -22,11 +22,11 @@
 namespace {
 
 using testutil::Args;
+using testutil::call_crafted;
+using testutil::Crafted;
 using testutil::mat;
 using testutil::NoLeak;
-using testutil::Crafted;
 using testutil::Outcome;
-using testutil::call_crafted;
 using zu::Value;
 
 // Found by the fuzzer: AddLgmReg compared the rows of the caller's SysMat
@@ -140,7 +140,8 @@ TEST(OverflowRegressions, ArmaOrderWhoseSquareOverflowsInt) {
     const int m = 46341;
     std::vector<double> phi(m, 0.0), theta(m, 0.0);
     theta[0] = 1.0;
-    EXPECT_EQ(fGetLgmUnivArma(m, 0, 0, phi.data(), theta.data(), nullptr, nullptr, nullptr, 1.0), 0);
+    EXPECT_EQ(fGetLgmUnivArma(m, 0, 0, phi.data(), theta.data(), nullptr, nullptr, nullptr, 1.0),
+              0);
 }
 
 }  // namespace

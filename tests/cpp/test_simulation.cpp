@@ -21,7 +21,8 @@ namespace {
 
 using namespace testutil;
 
-const char *const kCondDensPsd = "LgmCondDens(): non-positive semi-definite innovation variance matrix";
+const char *const kCondDensPsd =
+    "LgmCondDens(): non-positive semi-definite innovation variance matrix";
 
 // Local linear trend observed once per time point, proper initial state.
 LgmModel trend_model() {
@@ -63,7 +64,8 @@ Value weights(const Value &sel, const Value &store, const LgmModel &md) {
     return invoke("SimSmoWgt", with_model({sel, store}, md));
 }
 
-Value draw(const Value &sel, const Value &z, const Value &wgt, const Value &store, const LgmModel &md) {
+Value draw(const Value &sel, const Value &z, const Value &wgt, const Value &store,
+           const LgmModel &md) {
     return invoke("SimSmoDraw", with_model({sel, z, wgt, store}, md));
 }
 
@@ -101,7 +103,8 @@ TEST(SimulationSmoother, SameDrawsSameResultAndUnselectedRowsExactlyZero) {
                           {two_series_model(), {0.0, 2.0, 0.0, -1.0}, {0 * n + 3, 1 * n + 6}},
                           {tv, {1.0, 0.0, 0.0, 1.0}, {1 * n + 2}}};
     for (const Case &c : cases) {
-        SCOPED_TRACE("N = " + std::to_string(c.md.N) + (c.md.time_varying() ? " time-varying" : ""));
+        SCOPED_TRACE("N = " + std::to_string(c.md.N) +
+                     (c.md.time_varying() ? " time-varying" : ""));
         NoLeak no_leak;
         const int p = c.md.p(), q = 2;
         const Value store = filter_store(c.md, series(c.md.N, n, c.missing), n);
@@ -212,7 +215,9 @@ TEST(SimulationSmoother, ArgumentReports) {
     NoLeak no_leak;
     const Value empty = selection({0.0, 0.0, 0.0});
     Args a = with_model({empty, store}, md);
-    Args b = with_model({empty, mat(1, n, std::vector<double>(n, 0.0)), mat(4, n, std::vector<double>(4 * n, 0.0)), store}, md);
+    Args b = with_model({empty, mat(1, n, std::vector<double>(n, 0.0)),
+                         mat(4, n, std::vector<double>(4 * n, 0.0)), store},
+                        md);
     for (Args *args : {&a, &b}) {
         const CallError e = call_error(args == &a ? "SimSmoWgt" : "SimSmoDraw", *args);
         EXPECT_EQ(e.number, zu::kErrorMessage);
@@ -220,7 +225,9 @@ TEST(SimulationSmoother, ArgumentReports) {
     }
     Args draws3 = with_model({sel, mat(3, n, std::vector<double>(3 * n, 0.0)), w, store}, md);
     EXPECT_EQ(call_error("SimSmoDraw", draws3).number, zu::kErrorSize);
-    Args wgt8 = with_model({sel, mat(2, n, std::vector<double>(2 * n, 0.0)), mat(8, n, std::vector<double>(8 * n, 0.0)), store}, md);
+    Args wgt8 = with_model({sel, mat(2, n, std::vector<double>(2 * n, 0.0)),
+                            mat(8, n, std::vector<double>(8 * n, 0.0)), store},
+                           md);
     EXPECT_EQ(call_error("SimSmoDraw", wgt8).number, zu::kErrorSize);
 }
 
@@ -286,7 +293,8 @@ TEST(ConditionalDensity, FailuresAreReportedAsNonPositiveSemiDefinite) {
         std::vector<double> y;
         std::vector<int> selections;
     };
-    const Case cases[] = {{&rank_one, series(2, n), {2, 4}}, {&diffuse, series(1, n, {0, 1, 2, 3, 4}), {1, 2, 3, 4}}};
+    const Case cases[] = {{&rank_one, series(2, n), {2, 4}},
+                          {&diffuse, series(1, n, {0, 1, 2, 3, 4}), {1, 2, 3, 4}}};
     for (const Case &c : cases)
         for (int which : c.selections) {
             SCOPED_TRACE("selection " + std::to_string(which));
@@ -327,7 +335,8 @@ TEST_P(SimulationSweep, EveryAllocationFailureIsReportedAndNothingLeaks) {
     const std::vector<double> y = series(N, n, {N * n - 1});
     const int p = md.p();
     const Value store = filter_store(md, y, n);
-    const Value sel = selection(N == 1 ? std::vector<double>{1, 0, 1} : std::vector<double>{1, 0, 0, 1});
+    const Value sel =
+        selection(N == 1 ? std::vector<double>{1, 0, 1} : std::vector<double>{1, 0, 0, 1});
     const Value w = weights(sel, store, md);
     ASSERT_EQ(w.type(), ZU_MATRIX);
     const Value z = pseudo_normals(q, n, 0.2);
@@ -338,12 +347,21 @@ TEST_P(SimulationSweep, EveryAllocationFailureIsReportedAndNothingLeaks) {
         bool filter_failure_possible;  // an allocation inside the filter
         int rows;                      // of the result
     };
-    std::vector<SweepCase> cases = {
-        {"SimSmoWgt", [&] { return with_model({sel, store}, md); }, false, weight_rows(p, q)},
-        {"SimSmoDraw", [&] { return with_model({sel, z, w, store}, md); }, false, p}};
+    std::vector<SweepCase> cases = {{"SimSmoWgt",
+                                     [&] {
+                                         return with_model({sel, store}, md);
+                                     },
+                                     false, weight_rows(p, q)},
+                                    {"SimSmoDraw",
+                                     [&] {
+                                         return with_model({sel, z, w, store}, md);
+                                     },
+                                     false, p}};
     for (int which = 1; which <= 4; ++which)
         cases.push_back({"LgmCondDens",
-                         [&, which] { return with_model({Value::integer(which), mat(N, n, y)}, md); },
+                         [&, which] {
+                             return with_model({Value::integer(which), mat(N, n, y)}, md);
+                         },
                          N > 1, p});
 
     for (const SweepCase &c : cases) {

@@ -24,7 +24,8 @@ namespace {
 
 using namespace testutil;
 
-const char *const kMomentMsg = "LgmMomentEst(): non-positive semi-definite innovation variance matrix";
+const char *const kMomentMsg =
+    "LgmMomentEst(): non-positive semi-definite innovation variance matrix";
 const char *const kScoreMsg = "LgmLikSco(): non-positive semi-definite innovation matrix";
 
 // Two states, N series: a damped trend with correlated disturbances and a
@@ -62,7 +63,8 @@ int run_pred(bool univ, int filtered, const LgmModel &md, int n, const std::vect
 
 // KalmanSmo's output for the model and data, through KalmanFil's store.
 Value smoothed(const LgmModel &md, int n, const std::vector<double> &y) {
-    return invoke("KalmanSmo", with_model({invoke("KalmanFil", with_model({mat(md.N, n, y)}, md))}, md));
+    return invoke("KalmanSmo",
+                  with_model({invoke("KalmanFil", with_model({mat(md.N, n, y)}, md))}, md));
 }
 
 // ------------------------------------------- single-series vs multivariate
@@ -98,8 +100,10 @@ TEST(UnivMultiAgreement, PredictionKalmanSmoAndScore) {
 
     HostMat sys(mN, m, md.sys), W1(mN + 1, mN), W2(mN + 1, mN);
     HostMat Su(mN, mN), Sm(mN, mN), out_u(2 * mN, n + 1), out_m(2 * mN, n + 1);
-    UnivKalmanSmo(n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st_u.get(), Su.get(), out_u.get());
-    MultiKalmanSmo(1, n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st_u.get(), Sm.get(), out_m.get());
+    UnivKalmanSmo(n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st_u.get(), Su.get(),
+                  out_u.get());
+    MultiKalmanSmo(1, n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st_u.get(), Sm.get(),
+                   out_m.get());
     for (int i = 0; i < mN; ++i) {
         for (int j = 0; j < mN; ++j) EXPECT_NEAR(Su[i][j], Sm[i][j], 1e-12);
         for (int t = 0; t <= n; ++t) {
@@ -120,9 +124,12 @@ TEST(UnivMultiAgreement, MissingObservationZeroVersusNaN) {
     ASSERT_EQ(run_pred(true, 0, md, n, series(1, n, {t0}), st, mo, off), 1);
     ASSERT_TRUE(std::isnan(st[0][t0]));
 
-    HostMat sys(mN, m, md.sys), W1(mN + 1, mN), W2(mN + 1, mN), out_u(2 * mN, n + 1), out_m(2 * mN, n + 1);
-    UnivKalmanSmo(n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st.get(), nullptr, out_u.get());
-    MultiKalmanSmo(1, n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st.get(), nullptr, out_m.get());
+    HostMat sys(mN, m, md.sys), W1(mN + 1, mN), W2(mN + 1, mN), out_u(2 * mN, n + 1),
+        out_m(2 * mN, n + 1);
+    UnivKalmanSmo(n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st.get(), nullptr,
+                  out_u.get());
+    MultiKalmanSmo(1, n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st.get(), nullptr,
+                   out_m.get());
     EXPECT_EQ(out_u[m][t0 + 1], 0.0);
     EXPECT_EQ(out_u[2 * mN - 1][t0 + 1], 0.0);
     // r(t0-1) = T' r(t0) when nothing is observed at t0.
@@ -154,7 +161,10 @@ TEST(Structure, ScoreIsExactlySymmetricAndMatchesTheOutputDiagonal) {
         const int n = 8, mN = md.m + N;
         const std::vector<double> y = series(N, n, {2});
         Value ll, sc;
-        ASSERT_EQ(invoke("LgmLikSco", with_model({Value::ref(ll), Value::ref(sc), mat(N, n, y)}, md)).as_int(), 1);
+        ASSERT_EQ(
+            invoke("LgmLikSco", with_model({Value::ref(ll), Value::ref(sc), mat(N, n, y)}, md))
+                .as_int(),
+            1);
         ASSERT_EQ(sc.rows(), mN);
         ASSERT_EQ(sc.cols(), mN);
         for (int i = 0; i < mN; ++i)
@@ -185,7 +195,8 @@ TEST(Structure, StartColumnAndMomentReturnValue) {
     }
     for (int sel : {1, 3}) {
         Value mom;
-        const Value ret = invoke("LgmMomentEst", with_model({Value::integer(sel), Value::ref(mom), mat(N, n, y)}, md));
+        const Value ret = invoke(
+            "LgmMomentEst", with_model({Value::integer(sel), Value::ref(mom), mat(N, n, y)}, md));
         ASSERT_EQ(ret.rows(), m + 1);
         ASSERT_EQ(ret.cols(), m);
         ASSERT_EQ(mom.rows(), 2 * mN);
@@ -212,13 +223,15 @@ TEST(Structure, StateSmootherInPlaceEqualsSeparateOutput) {
         for (double **out : {sep.get(), pred.get()}) {
             double **in = out == sep.get() ? copy.get() : pred.get();
             if (N == 1)
-                UnivStateSmo(n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st.get(), in, off.get(), out);
+                UnivStateSmo(n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st.get(), in,
+                             off.get(), out);
             else
-                MultiStateSmo(N, n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st.get(), in,
-                              off.get(), out);
+                MultiStateSmo(N, n, m, sys.get(), nullptr, nullptr, W1.get(), W2.get(), st.get(),
+                              in, off.get(), out);
         }
         for (int r = 0; r < 2 * mN; ++r)
-            for (int t = 0; t < n; ++t) EXPECT_EQ(pred[r][t], sep[r][t]) << N << " " << r << "," << t;
+            for (int t = 0; t < n; ++t)
+                EXPECT_EQ(pred[r][t], sep[r][t]) << N << " " << r << "," << t;
     }
 }
 
@@ -245,8 +258,8 @@ TEST(Structure, OffDiagonalStoreOnlyForMoreThanOneState) {
 }
 
 // With no time points the prediction pass records nothing and leaves the
-// initial state, so LgmMomentEst's selections 0 and 5 return InitMat's P (kappa on the diffuse diagonal) over its a; the
-// backward selections start from and return zeros. The covariance of the
+// initial state, so LgmMomentEst's selections 0 and 5 return InitMat's P (kappa on the diffuse
+// diagonal) over its a; the backward selections start from and return zeros. The covariance of the
 // diffuse state 0 with the later proper state 1 is still written from
 // InitMat's lower triangle (the initial rows are read in order, and a proper
 // row fills the column of an earlier diffuse one).
@@ -255,16 +268,17 @@ TEST(MomentEst, NoTimePointsReturnTheInitialMoments) {
     const double kappa = 9999999.99;
     for (int sel : {0, 5, 1, 3}) {
         Value mom;
-        const Value ret = invoke("LgmMomentEst",
-                                 {Value::integer(sel), Value::ref(mom), Value::matrix(2, 0),
-                                  mat(4, 2, {0.8, 0.3, 0.0, 0.6, 1.0, 0.0, 0.0, 1.0}),
-                                  mat(4, 4, {0.5, 0, 0, 0, 0, 0.5, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}),
-                                  mat(3, 2, {-1.0, 0.0, 0.3, 0.7, 0.25, -0.5})});
+        const Value ret =
+            invoke("LgmMomentEst", {Value::integer(sel), Value::ref(mom), Value::matrix(2, 0),
+                                    mat(4, 2, {0.8, 0.3, 0.0, 0.6, 1.0, 0.0, 0.0, 1.0}),
+                                    mat(4, 4, {0.5, 0, 0, 0, 0, 0.5, 0, 0, 0, 0, 1, 0, 0, 0, 0, 1}),
+                                    mat(3, 2, {-1.0, 0.0, 0.3, 0.7, 0.25, -0.5})});
         ASSERT_EQ(mom.rows(), 8);
         EXPECT_EQ(mom.cols(), 0);
         const bool forward = sel == 0 || sel == 5;
-        const std::vector<double> want = forward ? std::vector<double>{kappa, 0.3, 0.3, 0.7, 0.25, -0.5}
-                                                 : std::vector<double>(6, 0.0);
+        const std::vector<double> want = forward
+                                             ? std::vector<double>{kappa, 0.3, 0.3, 0.7, 0.25, -0.5}
+                                             : std::vector<double>(6, 0.0);
         EXPECT_EQ(ret.to_vector(), want) << sel;
     }
 }
@@ -277,7 +291,8 @@ TEST(EntryPoints, ArgumentFaults) {
     Args store = with_model({Value::matrix(5, 4)}, md);  // a store needs 2 + 3 + 4 = 9 rows
     EXPECT_EQ(call_error("KalmanSmo", store).number, zu::kErrorSize);
     Value mom;
-    Args rows = with_model({Value::integer(1), Value::ref(mom), mat(1, 4, {1, 2, 3, 4})}, md);  // N = 2
+    Args rows =
+        with_model({Value::integer(1), Value::ref(mom), mat(1, 4, {1, 2, 3, 4})}, md);  // N = 2
     EXPECT_EQ(call_error("LgmMomentEst", rows).number, zu::kErrorSize);
     EXPECT_TRUE(mom.is_none());
     Value ll, sc;
@@ -292,7 +307,8 @@ TEST(EntryPoints, ArgumentFaults) {
     // Selections other than 0, 5, 1, 3 are refused; the moments untouched.
     for (int sel : {2, 4, 6, -1}) {
         mom = Value::integer(3);
-        Args a = with_model({Value::integer(sel), Value::ref(mom), mat(1, 3, {1, 2, 3})}, make_model(1));
+        Args a =
+            with_model({Value::integer(sel), Value::ref(mom), mat(1, 3, {1, 2, 3})}, make_model(1));
         const CallError bad = call_error("LgmMomentEst", a);
         EXPECT_EQ(bad.number, zu::kErrorMessage);
         EXPECT_EQ(bad.text, "LgmMomentEst(): no valid selection in first argument");
@@ -306,7 +322,9 @@ TEST(MomentEst, ByValueSecondArgumentGivesOnlyTheReturnValue) {
     const int n = 5;
     for (int sel : {0, 5, 1, 3}) {
         Value mom;
-        const Value want = invoke("LgmMomentEst", with_model({Value::integer(sel), Value::ref(mom), mat(2, n, series(2, n))}, md));
+        const Value want =
+            invoke("LgmMomentEst",
+                   with_model({Value::integer(sel), Value::ref(mom), mat(2, n, series(2, n))}, md));
         Args b = with_model({Value::integer(sel), Value::integer(7), mat(2, n, series(2, n))}, md);
         const Value got = zu::call("LgmMomentEst", b);
         EXPECT_EQ(b[1].as_int(), 7);
@@ -335,8 +353,10 @@ TEST(MomentEst, NonPositiveInnovationVarianceReports) {
             SCOPED_TRACE("N = " + std::to_string(md.N) + ", selection " + std::to_string(sel));
             in_both_message_modes([&](bool quiet, MessageCapture &capture) {
                 Value mom = Value::integer(-3);
-                const Value r = invoke("LgmMomentEst", with_model({Value::integer(sel), Value::ref(mom),
-                                                                   mat(md.N, 3, std::vector<double>(md.N * 3, 1.0))}, md));
+                const Value r = invoke(
+                    "LgmMomentEst", with_model({Value::integer(sel), Value::ref(mom),
+                                                mat(md.N, 3, std::vector<double>(md.N * 3, 1.0))},
+                                               md));
                 EXPECT_TRUE(r.is_none());
                 EXPECT_TRUE(mom.is_none()) << "moments freed";
                 expect_message(capture, quiet, kMomentMsg);
@@ -375,8 +395,12 @@ TEST(LikSco, TwoAndThreeReferenceForms) {
     const int n = 6;
     const Value y = mat(2, n, series(2, n));
     Value ll2, sc2, ll3, s23, sc3, ll, s2;
-    ASSERT_EQ(invoke("LgmLikSco", with_model({Value::ref(ll2), Value::ref(sc2), y}, md)).as_int(), 1);
-    ASSERT_EQ(invoke("LgmLikSco", with_model({Value::ref(ll3), Value::ref(s23), Value::ref(sc3), y}, md)).as_int(), 1);
+    ASSERT_EQ(invoke("LgmLikSco", with_model({Value::ref(ll2), Value::ref(sc2), y}, md)).as_int(),
+              1);
+    ASSERT_EQ(
+        invoke("LgmLikSco", with_model({Value::ref(ll3), Value::ref(s23), Value::ref(sc3), y}, md))
+            .as_int(),
+        1);
     ASSERT_EQ(invoke("LgmLik", with_model({Value::ref(ll), Value::ref(s2), y}, md)).as_int(), 1);
     EXPECT_EQ(ll2.as_double(), ll3.as_double());
     EXPECT_EQ(sc2.to_vector(), sc3.to_vector());
@@ -404,14 +428,16 @@ TEST_P(SmoothingSweep, LgmMomentEst) {
     std::vector<Value> targets(1);
     for (int sel : {0, 5, 1, 3})
         for (bool by_ref : {true, false}) {
-            SCOPED_TRACE("selection " + std::to_string(sel) + (by_ref ? " by reference" : " by value"));
+            SCOPED_TRACE("selection " + std::to_string(sel) +
+                         (by_ref ? " by reference" : " by value"));
             bool pass_failure_seen = false;
             const long sites = allocation_sweep(
                 "LgmMomentEst",
                 [&] {
-                    return with_model({Value::integer(sel), by_ref ? Value::ref(targets[0]) : Value::integer(0),
-                                       mat(N, n, series(N, n, {(N - 1) * n + 3}))},
-                                      md);
+                    return with_model(
+                        {Value::integer(sel), by_ref ? Value::ref(targets[0]) : Value::integer(0),
+                         mat(N, n, series(N, n, {(N - 1) * n + 3}))},
+                        md);
                 },
                 [&](const SweepStep &s) {
                     EXPECT_TRUE(s.result.is_none());

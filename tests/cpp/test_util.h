@@ -159,7 +159,6 @@ inline long allocation_sweep(const std::string &name, const std::function<Args()
     return k - 1;
 }
 
-
 // Empties a set of reference targets (the `release` of a sweep).
 inline std::function<void()> release_all(std::vector<Value> &targets) {
     return [&targets] {
@@ -186,10 +185,14 @@ struct LgmModel {
         a.push_back(mat(P, m, sys));
         a.push_back(mat(P, P, var));
         const bool tail = time_varying();
-        if (!init.empty()) a.push_back(mat(m + 1, m, init));
-        else if (!mean.empty() || tail) a.push_back(Value::empty());
-        if (!mean.empty()) a.push_back(mat(P, 1, mean));
-        else if (tail) a.push_back(Value::empty());
+        if (!init.empty())
+            a.push_back(mat(m + 1, m, init));
+        else if (!mean.empty() || tail)
+            a.push_back(Value::empty());
+        if (!mean.empty())
+            a.push_back(mat(P, 1, mean));
+        else if (tail)
+            a.push_back(Value::empty());
         if (!tail) return;
         const int n = static_cast<int>(tvdata.size()) / tvrows;
         a.push_back(sysidx.empty() ? Value::empty() : mat(P, m, sysidx));
@@ -270,7 +273,8 @@ private:
 class HostIdx {
 public:
     HostIdx(int rows, int cols, const std::vector<int> &v)
-        : rows_(rows), cols_(cols),
+        : rows_(rows),
+          cols_(cols),
           p_(reinterpret_cast<int **>(TabAllocPlain(rows, cols, sizeof(int)))) {
         for (int i = 0; i < rows; ++i)
             for (int j = 0; j < cols; ++j) p_[i][j] = v[i * cols + j];

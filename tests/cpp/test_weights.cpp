@@ -53,10 +53,11 @@ Args two_series_model(int selection, Value mk) {
     a.push_back(Value::integer(selection));
     a.push_back(std::move(mk));
     a.push_back(mat(4, 2, {0.8, 0.2, 0.0, 0.6, 1.0, 0.0, 0.5, 1.0}));
-    a.push_back(mat(4, 4, {1.0, 0.1, 0.0, 0.0,  //
-                           0.1, 0.8, 0.0, 0.0,  //
-                           0.0, 0.0, 1.2, 0.2,  //
-                           0.0, 0.0, 0.2, 0.9}));
+    a.push_back(mat(4, 4,
+                    {1.0, 0.1, 0.0, 0.0,  //
+                     0.1, 0.8, 0.0, 0.0,  //
+                     0.0, 0.0, 1.2, 0.2,  //
+                     0.0, 0.0, 0.2, 0.9}));
     a.push_back(mat(3, 2, {2.0, 0.0, 0.3, 1.5, 0.1, -0.2}));
     a.push_back(mat(4, 1, {0.1, 0.0, 0.5, -0.3}));
     a.push_back(mat(4, 2, {0, -1, -1, -1, -1, -1, -1, 1}));
@@ -88,8 +89,8 @@ Args one_series_model(int selection, Value mk) {
 // Local level: alpha(t+1) = alpha(t) + eta, y(t) = alpha(t) + eps, with
 // Var(eta) = 0.4, Var(eps) = 1.3 and alpha(0) ~ N(0.5, 2).
 Args local_level(int selection, Value mk) {
-    return {Value::integer(selection), std::move(mk), mat(2, 1, {1.0, 1.0}), mat(2, 2, {0.4, 0.0, 0.0, 1.3}),
-            mat(2, 1, {2.0, 0.5})};
+    return {Value::integer(selection), std::move(mk), mat(2, 1, {1.0, 1.0}),
+            mat(2, 2, {0.4, 0.0, 0.0, 1.3}), mat(2, 1, {2.0, 0.5})};
 }
 
 // Calls by name and returns the error (or none) with the leak check.
@@ -123,20 +124,31 @@ TEST(LgmWeightsInPlace, CallerMatricesHoldLastWrittenTimePoint) {
         std::vector<std::pair<int, int>> sysmarked, varmarked;
     };
     const Model models[] = {
-        {2, {{0, 3, 0, last}, {5, 3, 0, 2}, {1, 3, last, 2}, {3, 3, 0, last},
-                {0, 0, last, last}},  // nothing before t* = 0: the filter's values stay
-         {{0, 0}, {3, 1}}, {{0, 2}, {2, 0}}},
+        {2,
+         {{0, 3, 0, last},
+          {5, 3, 0, 2},
+          {1, 3, last, 2},
+          {3, 3, 0, last},
+          {0, 0, last, last}},  // nothing before t* = 0: the filter's values stay
+         {{0, 0}, {3, 1}},
+         {{0, 2}, {2, 0}}},
         // t* = 0 with one series: the second filter writes nothing; the
         // filtering weights write time 0, the smoothing weights end their
         // forward pass at n-1.
-        {1, {{0, 4, 0, last}, {5, 4, 0, 3}, {1, 4, last, 3}, {3, 4, 0, last}, {5, 0, 0, last},
-                {1, 0, last, last}},
-         {{0, 1}, {2, 0}}, {{1, 1}}},
+        {1,
+         {{0, 4, 0, last},
+          {5, 4, 0, 3},
+          {1, 4, last, 3},
+          {3, 4, 0, last},
+          {5, 0, 0, last},
+          {1, 0, last, last}},
+         {{0, 1}, {2, 0}},
+         {{1, 1}}},
     };
     for (const Model &md : models)
         for (const InPlaceCase &c : md.cases) {
-            SCOPED_TRACE("N " + std::to_string(md.N) + ", selection " + std::to_string(c.selection) +
-                         ", t* " + std::to_string(c.tstar));
+            SCOPED_TRACE("N " + std::to_string(md.N) + ", selection " +
+                         std::to_string(c.selection) + ", t* " + std::to_string(c.tstar));
             NoLeak guard;
             Args a = md.N == 2 ? two_series_model(c.selection, marker(2, n, 1, c.tstar))
                                : one_series_model(c.selection, marker(1, n, 0, c.tstar));
@@ -146,8 +158,10 @@ TEST(LgmWeightsInPlace, CallerMatricesHoldLastWrittenTimePoint) {
             std::vector<double> sys = a[2].to_vector(), var = a[3].to_vector();
             const int mN = 2 + md.N;
             for (std::size_t k = 0; k < md.sysmarked.size(); ++k)
-                sys[md.sysmarked[k].first * 2 + md.sysmarked[k].second] = tv_value(static_cast<int>(k), c.sys_time);
-            for (const auto &rc : md.varmarked) var[rc.first * mN + rc.second] = tv_value(2, c.var_time);
+                sys[md.sysmarked[k].first * 2 + md.sysmarked[k].second] =
+                    tv_value(static_cast<int>(k), c.sys_time);
+            for (const auto &rc : md.varmarked)
+                var[rc.first * mN + rc.second] = tv_value(2, c.var_time);
             ASSERT_EQ(zu::call("LgmWeights", a).type(), ZU_MATRIX);
             EXPECT_EQ(a[2].to_vector(), sys);
             EXPECT_EQ(a[3].to_vector(), var);
@@ -174,7 +188,8 @@ TEST(LgmWeightsInPlace, FixedModelLeavesCallerMatricesAlone) {
 // 3 have their own text; a matrix selection is a type error.
 TEST(LgmWeightsFailures, Reports) {
     std::vector<Args> unknown;
-    for (int selection : {5, 1}) unknown.push_back(two_series_model(selection, marker(2, kTime, 0, 0)));
+    for (int selection : {5, 1})
+        unknown.push_back(two_series_model(selection, marker(2, kTime, 0, 0)));
     unknown.push_back(local_level(0, mat(1, kTime, std::vector<double>(kTime, kNaN))));
     for (int selection : {0, 5, 1, 3}) unknown.push_back(local_level(selection, mat(1, 0, {})));
     for (std::size_t k = 0; k < unknown.size(); ++k) {
@@ -243,10 +258,12 @@ TEST(LgmWeightsSweep, EverySelectionBothModels) {
     for (int selection : {0, 5, 1, 3}) {
         SCOPED_TRACE("selection " + std::to_string(selection));
         const long extra = selection == 0 ? 0 : 2;
-        const SweepCounts one = sweep([&] { return one_series_model(selection, marker(1, kTime, 0, 3)); });
+        const SweepCounts one =
+            sweep([&] { return one_series_model(selection, marker(1, kTime, 0, 3)); });
         EXPECT_GE(one.memory, 6 + extra);
         EXPECT_EQ(one.unknown, 0);
-        const SweepCounts two = sweep([&] { return two_series_model(selection, marker(2, kTime, 1, 3)); });
+        const SweepCounts two =
+            sweep([&] { return two_series_model(selection, marker(2, kTime, 1, 3)); });
         EXPECT_GE(two.memory, 7 + extra);
         EXPECT_EQ(two.unknown, selection == 1 || selection == 5 ? 2 : 1);
     }
