@@ -4,7 +4,7 @@
 # reports, and valgrind. Debian packages only (run as root on a fresh
 # machine; a no-op where everything is present).
 set -euo pipefail
-PACKAGES=(clang libclang-rt-14-dev llvm valgrind)
+PACKAGES=(clang libclang-rt-14-dev llvm valgrind clang-format pyflakes3)
 missing=()
 for p in "${PACKAGES[@]}"; do
   dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

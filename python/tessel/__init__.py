@@ -27,11 +27,6 @@ from ._lowlevel import (
     capture_messages,
     set_seed,
     version,
-    _allocation_attempts,
-    _fail_allocation,
-    _injected_failure_delivered,
-    _library_path,
-    _live_allocations,
 )
 
 from .model import Model, ModelError, NumericalError
@@ -48,9 +43,9 @@ from .data import load_example
 
 __version__ = "3.0.0"
 
-from . import _lowlevel
-
-__all__ = list(_lowlevel.__all__) + [
+__all__ = [
+    # by-name call
+    "EMPTY", "Ref", "ZuError", "ZuMessage", "call", "capture_messages", "set_seed", "version",
     # idiomatic API
     "Model", "ModelError", "NumericalError",
     "AR1", "AR2", "ButterworthCycle", "Component", "Cycle", "DummySeasonal", "Irregular",

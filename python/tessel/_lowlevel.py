@@ -302,33 +302,3 @@ def set_seed(n):
     if not 0 <= n < _SEED_LIMIT:
         raise ValueError(f"tessel.set_seed: the seed must be in [0, 2**64), not {n}")
     _tessel.set_seed(n)
-
-
-# ------------------------------------------------- host accounting (tests)
-
-
-def _live_allocations():
-    """(blocks, tables) the host currently holds."""
-    return _tessel.live_allocations()
-
-
-def _allocation_attempts():
-    """Host allocations attempted since the process started."""
-    return _tessel.allocation_attempts()
-
-
-def _fail_allocation(k):
-    """Make the k-th host allocation from now fail (k >= 1); 0 switches it off."""
-    if isinstance(k, bool) or not isinstance(k, (int, np.integer)) or k < 0:
-        raise ValueError(f"tessel._fail_allocation: k must be an int >= 0, not {k!r}")
-    _tessel.fail_allocation(int(k))
-
-
-def _injected_failure_delivered():
-    """True once the failure set by _fail_allocation has happened."""
-    return _tessel.injected_failure_delivered()
-
-
-def _library_path():
-    """Path of the library file the host loads."""
-    return _tessel.library_path()

@@ -10,14 +10,15 @@ import numpy as np
 import pytest
 
 import tessel
+import tessel.testing
 from models import Block
 
 
 @pytest.fixture(autouse=True)
 def host_clean():
     yield
-    tessel._fail_allocation(0)
-    live = tessel._live_allocations()
+    tessel.testing.fail_allocation(0)
+    live = tessel.testing.live_allocations()
     tessel.call("LgmWarning", 1)
     assert live == (0, 0), f"host values left live after the test: (blocks, tables) = {live}"
 

@@ -23,6 +23,7 @@ import numpy as np
 import pytest
 
 import tessel
+import tessel.testing
 from models import Block, recursion_reference
 
 INT_MAX = 2**31 - 1
@@ -218,12 +219,12 @@ class TestReferences:
     def test_one_ref_passed_twice_is_one_variable(self):
         src = np.ones((4, 5))
         once = tessel.Ref(src)
-        before = tessel._allocation_attempts()
+        before = tessel.testing.allocation_attempts()
         tessel.call("LgmVersion", once, once)
-        assert tessel._allocation_attempts() - before == 1
-        before = tessel._allocation_attempts()
+        assert tessel.testing.allocation_attempts() - before == 1
+        before = tessel.testing.allocation_attempts()
         tessel.call("LgmVersion", tessel.Ref(src), tessel.Ref(src))
-        assert tessel._allocation_attempts() - before == 2
+        assert tessel.testing.allocation_attempts() - before == 2
         np.testing.assert_array_equal(once.value, src)
 
     def test_ref_left_alone_when_the_call_fails(self, local_level):
@@ -277,11 +278,11 @@ class TestRefusals:
         (np.broadcast_to(0.0, (2**31, 1)), ValueError, r"\(2147483648, 1\)"),
     ])
     def test_refused_with_position(self, bad, exc, words):
-        before = tessel._allocation_attempts()
+        before = tessel.testing.allocation_attempts()
         with pytest.raises(exc, match=rf"'LgmVersion'\): argument 3: .*{words}"):
             tessel.call("LgmVersion", 1, np.ones((2, 2)), bad)
         # Refused before anything reached the host.
-        assert tessel._allocation_attempts() == before
+        assert tessel.testing.allocation_attempts() == before
 
     @pytest.mark.parametrize("bad, exc", [
         (tessel.Ref(), TypeError), (np.zeros(3), TypeError), ("x", TypeError),
@@ -370,7 +371,7 @@ class TestMessages:
             with pytest.raises(tessel.ZuMessage, match="Tessel version 3.00"):
                 tessel.call("LgmAbout")
         # The host is usable again and nothing was left behind.
-        assert tessel._live_allocations() == (0, 0)
+        assert tessel.testing.live_allocations() == (0, 0)
         with tessel.capture_messages() as msgs:
             tessel.call("LgmAbout")
         assert len(msgs) == 8
@@ -460,7 +461,7 @@ class TestHostFunctions:
             tessel.set_seed(seed)
 
     def test_library_path(self):
-        path = tessel._library_path()
+        path = tessel.testing.library_path()
         assert os.path.isfile(path) and os.path.basename(path).startswith("libtessel")
         if os.environ.get("TESSEL_LIBRARY"):
             assert path == os.environ["TESSEL_LIBRARY"]
@@ -470,20 +471,20 @@ class TestHostFunctions:
         # arguments and the library's own work. Each gives the memory error
         # and leaves nothing live; one step past the last, the call succeeds.
         want = recursion(disturbances)
-        before = tessel._allocation_attempts()
+        before = tessel.testing.allocation_attempts()
         recursion(disturbances)
-        steps = tessel._allocation_attempts() - before
+        steps = tessel.testing.allocation_attempts() - before
         assert steps >= 4  # at least the four matrix arguments
         for k in range(1, steps + 1):
-            tessel._fail_allocation(k)
+            tessel.testing.fail_allocation(k)
             with pytest.raises(tessel.ZuError) as err:
                 recursion(disturbances)
             assert err.value.number == 4, f"step {k}"
-            assert tessel._injected_failure_delivered()
-            assert tessel._live_allocations() == (0, 0), f"step {k}"
-        tessel._fail_allocation(steps + 1)
+            assert tessel.testing.injected_failure_delivered()
+            assert tessel.testing.live_allocations() == (0, 0), f"step {k}"
+        tessel.testing.fail_allocation(steps + 1)
         np.testing.assert_array_equal(recursion(disturbances), want)
-        assert not tessel._injected_failure_delivered()
+        assert not tessel.testing.injected_failure_delivered()
 
 def test_missing_extension_is_explained():
     code = "import sys; sys.modules['_tessel'] = None; import tessel"
