@@ -9,8 +9,13 @@
 #include <vector>
 
 #include "host_internal.h"
+#include "row_kernels.h"
 
 namespace {
+
+using tessel::rows::combine;
+using tessel::rows::combine2;
+using tessel::rows::dot;
 
 // Scratch of n elements: on the stack up to kStack, from the heap above.
 // The heap fallback may fail, which callers test with ok().
@@ -34,26 +39,6 @@ private:
     T stack_[kStack];
     T *p_;
 };
-
-// Dot product with four partial sums: breaks the chain of dependent
-// additions so that longer products run at the machine's throughput.
-__attribute__((always_inline)) inline double dot(const double *a, const double *b, int n) {
-    if (n < 4) {
-        double s = 0.0;
-        for (int i = 0; i < n; ++i) s += a[i] * b[i];
-        return s;
-    }
-    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
-    int i = 0;
-    for (; i + 4 <= n; i += 4) {
-        s0 += a[i] * b[i];
-        s1 += a[i + 1] * b[i + 1];
-        s2 += a[i + 2] * b[i + 2];
-        s3 += a[i + 3] * b[i + 3];
-    }
-    for (; i < n; ++i) s0 += a[i] * b[i];
-    return (s0 + s1) + (s2 + s3);
-}
 
 // Nonzero entries of a row-pointer matrix B, row by row (column, value),
 // found once per product: the transition matrices of structural models are
@@ -113,112 +98,8 @@ private:
     double val_[kStack];
 };
 
-// Pairs of doubles, the baseline vector width of x86-64.
-typedef double v2 __attribute__((vector_size(16)));
-
-// x[0..len) = sum over k < n of coef[k] rows[k][off .. off+len): eight
-// columns at a time in four register pairs kept over the whole sum, then
-// two and one at a time. The building block of the dense products below:
-// every row of a result is a combination of rows of an operand.
-inline void combine_rows(double *x, const double *coef, double *const *rows, int n, int off,
-                         int len) {
-    int c = 0;
-    for (; c + 8 <= len; c += 8) {
-        v2 a0 = {0.0, 0.0}, a1 = a0, a2 = a0, a3 = a0;
-        for (int k = 0; k < n; ++k) {
-            const double *r = rows[k] + off + c;
-            const v2 s = {coef[k], coef[k]};
-            v2 r0, r1, r2, r3;
-            __builtin_memcpy(&r0, r, 16);
-            __builtin_memcpy(&r1, r + 2, 16);
-            __builtin_memcpy(&r2, r + 4, 16);
-            __builtin_memcpy(&r3, r + 6, 16);
-            a0 += s * r0;
-            a1 += s * r1;
-            a2 += s * r2;
-            a3 += s * r3;
-        }
-        __builtin_memcpy(x + c, &a0, 16);
-        __builtin_memcpy(x + c + 2, &a1, 16);
-        __builtin_memcpy(x + c + 4, &a2, 16);
-        __builtin_memcpy(x + c + 6, &a3, 16);
-    }
-    for (; c + 2 <= len; c += 2) {
-        v2 a0 = {0.0, 0.0};
-        for (int k = 0; k < n; ++k) {
-            const v2 s = {coef[k], coef[k]};
-            v2 r0;
-            __builtin_memcpy(&r0, rows[k] + off + c, 16);
-            a0 += s * r0;
-        }
-        __builtin_memcpy(x + c, &a0, 16);
-    }
-    for (; c < len; ++c) {
-        double a0 = 0.0;
-        for (int k = 0; k < n; ++k) a0 += coef[k] * rows[k][off + c];
-        x[c] = a0;
-    }
-}
-
-// Two combinations of the same rows at once (x0 by coef0, x1 by coef1):
-// each load of a row serves both, in the same order of summation as
-// combine_rows.
-inline void combine_rows2(double *x0, double *x1, const double *coef0, const double *coef1,
-                          double *const *rows, int n, int off, int len) {
-    int c = 0;
-    for (; c + 8 <= len; c += 8) {
-        v2 a0 = {0.0, 0.0}, a1 = a0, a2 = a0, a3 = a0, b0 = a0, b1 = a0, b2 = a0, b3 = a0;
-        for (int k = 0; k < n; ++k) {
-            const double *r = rows[k] + off + c;
-            const v2 s = {coef0[k], coef0[k]}, t = {coef1[k], coef1[k]};
-            v2 r0, r1, r2, r3;
-            __builtin_memcpy(&r0, r, 16);
-            __builtin_memcpy(&r1, r + 2, 16);
-            __builtin_memcpy(&r2, r + 4, 16);
-            __builtin_memcpy(&r3, r + 6, 16);
-            a0 += s * r0;
-            a1 += s * r1;
-            a2 += s * r2;
-            a3 += s * r3;
-            b0 += t * r0;
-            b1 += t * r1;
-            b2 += t * r2;
-            b3 += t * r3;
-        }
-        __builtin_memcpy(x0 + c, &a0, 16);
-        __builtin_memcpy(x0 + c + 2, &a1, 16);
-        __builtin_memcpy(x0 + c + 4, &a2, 16);
-        __builtin_memcpy(x0 + c + 6, &a3, 16);
-        __builtin_memcpy(x1 + c, &b0, 16);
-        __builtin_memcpy(x1 + c + 2, &b1, 16);
-        __builtin_memcpy(x1 + c + 4, &b2, 16);
-        __builtin_memcpy(x1 + c + 6, &b3, 16);
-    }
-    for (; c + 2 <= len; c += 2) {
-        v2 a0 = {0.0, 0.0}, b0 = a0;
-        for (int k = 0; k < n; ++k) {
-            const v2 s = {coef0[k], coef0[k]}, t = {coef1[k], coef1[k]};
-            v2 r0;
-            __builtin_memcpy(&r0, rows[k] + off + c, 16);
-            a0 += s * r0;
-            b0 += t * r0;
-        }
-        __builtin_memcpy(x0 + c, &a0, 16);
-        __builtin_memcpy(x1 + c, &b0, 16);
-    }
-    for (; c < len; ++c) {
-        double a0 = 0.0, b0 = 0.0;
-        for (int k = 0; k < n; ++k) {
-            a0 += coef0[k] * rows[k][off + c];
-            b0 += coef1[k] * rows[k][off + c];
-        }
-        x0[c] = a0;
-        x1[c] = b0;
-    }
-}
-
 // Dense products of the small orders of the recursions go through
-// combine_rows; above this order the scratch would not fit the stack.
+// combine; above this order the scratch would not fit the stack.
 constexpr int kBlockedOrder = 64;
 
 bool all_finite(double **S, int order) {
@@ -315,19 +196,18 @@ void MatBSBt(double **B, int rowsB, double **S, int orderS, double **R) {
             for (int k = 0; k < orderS; ++k) Bt[k * rowsB + j] = B[j][k];
         int i = 0;
         for (; i + 2 <= rowsB; i += 2)
-            combine_rows2(X + i * orderS, X + (i + 1) * orderS, B[i], B[i + 1], srows, orderS, 0,
-                          orderS);
-        if (i < rowsB) combine_rows(X + i * orderS, B[i], srows, orderS, 0, orderS);
+            combine2(X + i * orderS, X + (i + 1) * orderS, B[i], B[i + 1], srows, orderS, 0,
+                     orderS);
+        if (i < rowsB) combine(X + i * orderS, B[i], srows, orderS, 0, orderS);
         double row1[kBlockedOrder];
         for (i = 0; i + 2 <= rowsB; i += 2) {
             // Rows i and i+1 from column i (row i+1's first value unused).
-            combine_rows2(row, row1, X + i * orderS, X + (i + 1) * orderS, btrows, orderS, i,
-                          rowsB - i);
+            combine2(row, row1, X + i * orderS, X + (i + 1) * orderS, btrows, orderS, i, rowsB - i);
             for (int j = i; j < rowsB; ++j) R[i][j] = R[j][i] = row[j - i];
             for (int j = i + 1; j < rowsB; ++j) R[i + 1][j] = R[j][i + 1] = row1[j - i];
         }
         if (i < rowsB) {
-            combine_rows(row, X + i * orderS, btrows, orderS, i, rowsB - i);
+            combine(row, X + i * orderS, btrows, orderS, i, rowsB - i);
             for (int j = i; j < rowsB; ++j) R[i][j] = R[j][i] = row[j - i];
         }
         return;
@@ -385,7 +265,7 @@ void MatBtSB(double **B, int rowsB, double **S, int colsB, double **R) {
                     coef[n] = sp.val(e);
                     yrows[n] = &Y[sp.col(e) * colsB];
                 }
-                combine_rows(row, coef, yrows, n, c, colsB - c);
+                combine(row, coef, yrows, n, c, colsB - c);
                 for (int d = c; d < colsB; ++d) R[c][d] = R[d][c] = row[d - c];
             }
             return;
@@ -400,8 +280,8 @@ void MatBtSB(double **B, int rowsB, double **S, int colsB, double **R) {
         for (int i = 0; i < rowsB; ++i) yrows[i] = Y + i * colsB;
         int i = 0;
         for (; i + 2 <= rowsB; i += 2)
-            combine_rows2(yrows[i], yrows[i + 1], S[i], S[i + 1], B, rowsB, 0, colsB);
-        if (i < rowsB) combine_rows(yrows[i], S[i], B, rowsB, 0, colsB);
+            combine2(yrows[i], yrows[i + 1], S[i], S[i + 1], B, rowsB, 0, colsB);
+        if (i < rowsB) combine(yrows[i], S[i], B, rowsB, 0, colsB);
         int c = 0;
         for (; c + 2 <= colsB; c += 2) {
             // Rows c and c+1 from column c (row c+1's first value unused).
@@ -409,13 +289,13 @@ void MatBtSB(double **B, int rowsB, double **S, int colsB, double **R) {
                 bcol[l] = B[l][c];
                 bcol1[l] = B[l][c + 1];
             }
-            combine_rows2(row, row1, bcol, bcol1, yrows, rowsB, c, colsB - c);
+            combine2(row, row1, bcol, bcol1, yrows, rowsB, c, colsB - c);
             for (int d = c; d < colsB; ++d) R[c][d] = R[d][c] = row[d - c];
             for (int d = c + 1; d < colsB; ++d) R[c + 1][d] = R[d][c + 1] = row1[d - c];
         }
         if (c < colsB) {
             for (int l = 0; l < rowsB; ++l) bcol[l] = B[l][c];
-            combine_rows(row, bcol, yrows, rowsB, c, colsB - c);
+            combine(row, bcol, yrows, rowsB, c, colsB - c);
             for (int d = c; d < colsB; ++d) R[c][d] = R[d][c] = row[d - c];
         }
         return;

@@ -16,8 +16,11 @@
 #include <cmath>
 
 #include "frame.h"
+#include "row_kernels.h"
 
 namespace tessel {
+
+using rows::v2;
 
 struct StepFrame {
     enum { kMaxOrder = 64, kMaxEntries = 1024, kMaxScratch = 2048 };
@@ -95,20 +98,6 @@ inline bool build_pattern(StepFrame &f, double **sys, int **sysidx, int mN, int 
     return true;
 }
 
-// Dot product with four partial sums (independent chains of additions).
-__attribute__((always_inline)) inline double step_dot(const double *a, const double *b, int n) {
-    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
-    int i = 0;
-    for (; i + 4 <= n; i += 4) {
-        s0 += a[i] * b[i];
-        s1 += a[i + 1] * b[i + 1];
-        s2 += a[i + 2] * b[i + 2];
-        s3 += a[i + 3] * b[i + 3];
-    }
-    for (; i < n; ++i) s0 += a[i] * b[i];
-    return (s0 + s1) + (s2 + s3);
-}
-
 // p[k] = mean[k] + SysMat[k] a over the pattern, k < mN.
 __attribute__((always_inline)) inline void step_predict(const StepFrame &f, double **sys,
                                                         const double *mean, const double *a,
@@ -119,118 +108,10 @@ __attribute__((always_inline)) inline void step_predict(const StepFrame &f, doub
         if (f.unit[k] >= 0)
             acc += a[f.unit[k]];
         else if (f.dense[k])
-            acc += step_dot(s, a, f.cols);
+            acc += rows::dot(s, a, f.cols);
         else
             for (int e = f.start[k]; e < f.start[k + 1]; ++e) acc += s[f.col[e]] * a[f.col[e]];
         p[k] = acc;
-    }
-}
-
-// Pairs of doubles, the baseline vector width of x86-64 (plain
-// multiplications and additions, so results do not depend on the target).
-typedef double step_v2 __attribute__((vector_size(16)));
-
-// x[0..len) = sum over k < n of coef[k] rows[k][off .. off+len): the
-// columns are taken eight at a time in four register pairs that stay in
-// registers over the whole sum, then two and one at a time.
-__attribute__((always_inline)) inline void step_combine_rows(double *x, const double *coef,
-                                                             double *const *rows, int n, int off,
-                                                             int len) {
-    int c = 0;
-    for (; c + 8 <= len; c += 8) {
-        step_v2 a0 = {0.0, 0.0}, a1 = a0, a2 = a0, a3 = a0;
-        for (int k = 0; k < n; ++k) {
-            const double *r = rows[k] + off + c;
-            const step_v2 s = {coef[k], coef[k]};
-            step_v2 v0, v1, v2, v3;
-            __builtin_memcpy(&v0, r, 16);
-            __builtin_memcpy(&v1, r + 2, 16);
-            __builtin_memcpy(&v2, r + 4, 16);
-            __builtin_memcpy(&v3, r + 6, 16);
-            a0 += s * v0;
-            a1 += s * v1;
-            a2 += s * v2;
-            a3 += s * v3;
-        }
-        __builtin_memcpy(x + c, &a0, 16);
-        __builtin_memcpy(x + c + 2, &a1, 16);
-        __builtin_memcpy(x + c + 4, &a2, 16);
-        __builtin_memcpy(x + c + 6, &a3, 16);
-    }
-    for (; c + 2 <= len; c += 2) {
-        step_v2 a0 = {0.0, 0.0};
-        for (int k = 0; k < n; ++k) {
-            const step_v2 s = {coef[k], coef[k]};
-            step_v2 v0;
-            __builtin_memcpy(&v0, rows[k] + off + c, 16);
-            a0 += s * v0;
-        }
-        __builtin_memcpy(x + c, &a0, 16);
-    }
-    for (; c < len; ++c) {
-        double a0 = 0.0;
-        for (int k = 0; k < n; ++k) a0 += coef[k] * rows[k][off + c];
-        x[c] = a0;
-    }
-}
-
-// Two combinations of the same rows at once (x0 by coef0, x1 by coef1):
-// each load of a row serves both, in the same order of summation as
-// step_combine_rows.
-__attribute__((always_inline)) inline void step_combine_rows2(double *x0, double *x1,
-                                                              const double *coef0,
-                                                              const double *coef1,
-                                                              double *const *rows, int n, int off,
-                                                              int len) {
-    int c = 0;
-    for (; c + 8 <= len; c += 8) {
-        step_v2 a0 = {0.0, 0.0}, a1 = a0, a2 = a0, a3 = a0, b0 = a0, b1 = a0, b2 = a0, b3 = a0;
-        for (int k = 0; k < n; ++k) {
-            const double *r = rows[k] + off + c;
-            const step_v2 s = {coef0[k], coef0[k]}, t = {coef1[k], coef1[k]};
-            step_v2 v0, v1, v2, v3;
-            __builtin_memcpy(&v0, r, 16);
-            __builtin_memcpy(&v1, r + 2, 16);
-            __builtin_memcpy(&v2, r + 4, 16);
-            __builtin_memcpy(&v3, r + 6, 16);
-            a0 += s * v0;
-            a1 += s * v1;
-            a2 += s * v2;
-            a3 += s * v3;
-            b0 += t * v0;
-            b1 += t * v1;
-            b2 += t * v2;
-            b3 += t * v3;
-        }
-        __builtin_memcpy(x0 + c, &a0, 16);
-        __builtin_memcpy(x0 + c + 2, &a1, 16);
-        __builtin_memcpy(x0 + c + 4, &a2, 16);
-        __builtin_memcpy(x0 + c + 6, &a3, 16);
-        __builtin_memcpy(x1 + c, &b0, 16);
-        __builtin_memcpy(x1 + c + 2, &b1, 16);
-        __builtin_memcpy(x1 + c + 4, &b2, 16);
-        __builtin_memcpy(x1 + c + 6, &b3, 16);
-    }
-    for (; c + 2 <= len; c += 2) {
-        step_v2 a0 = {0.0, 0.0}, b0 = a0;
-        for (int k = 0; k < n; ++k) {
-            const step_v2 s = {coef0[k], coef0[k]}, t = {coef1[k], coef1[k]};
-            step_v2 v0;
-            __builtin_memcpy(&v0, rows[k] + off + c, 16);
-            a0 += s * v0;
-            b0 += t * v0;
-        }
-        __builtin_memcpy(x0 + c, &a0, 16);
-        __builtin_memcpy(x1 + c, &b0, 16);
-    }
-    for (; c < len; ++c) {
-        double a0 = 0.0, b0 = 0.0;
-        for (int k = 0; k < n; ++k) {
-            a0 += coef0[k] * rows[k][off + c];
-            b0 += coef1[k] * rows[k][off + c];
-        }
-        x0[c] = a0;
-        x1[c] = b0;
     }
 }
 
@@ -260,8 +141,8 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
         const bool add_var = var && f.var_all;
         int i = 0;
         for (; i + 2 <= mN; i += 2)
-            step_combine_rows2(X + i * m, X + (i + 1) * m, sys[i], sys[i + 1], W, m, 0, m);
-        if (i < mN) step_combine_rows(X + i * m, sys[i], W, m, 0, m);
+            rows::combine2(X + i * m, X + (i + 1) * m, sys[i], sys[i + 1], W, m, 0, m);
+        if (i < mN) rows::combine(X + i * m, sys[i], W, m, 0, m);
         double row[StepFrame::kMaxOrder], row1[StepFrame::kMaxOrder];
         auto put = [&](int i, const double *rw) {  // rw[j - i] for j >= i
             for (int j = i; j < mN; ++j) {
@@ -278,12 +159,12 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
         i = 0;
         for (; i + 2 <= mN; i += 2) {
             // Rows i and i+1 from column i (row i+1's first value unused).
-            step_combine_rows2(row, row1, X + i * m, X + (i + 1) * m, strows, m, i, mN - i);
+            rows::combine2(row, row1, X + i * m, X + (i + 1) * m, strows, m, i, mN - i);
             put(i, row);
             put(i + 1, row1 + 1);
         }
         if (i < mN) {
-            step_combine_rows(row, X + i * m, strows, m, i, mN - i);
+            rows::combine(row, X + i * m, strows, m, i, mN - i);
             put(i, row);
         }
         if (var && !f.var_all)
@@ -302,7 +183,7 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
             const double *pk = W[f.unit[i]];
             int c = 0;
             for (; c + 2 <= m; c += 2) {
-                step_v2 v;
+                v2 v;
                 __builtin_memcpy(&v, pk + c, 16);
                 __builtin_memcpy(x + c, &v, 16);
             }
@@ -311,7 +192,7 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
         }
         if (f.dense[i]) {
             // P symmetric: column c of P is its row c.
-            for (int c = 0; c < m; ++c) x[c] = step_dot(s, W[c], m);
+            for (int c = 0; c < m; ++c) x[c] = rows::dot(s, W[c], m);
             continue;
         }
         // Combine the rows of P named by the nonzeros of row i.
@@ -322,7 +203,7 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
             coef[n] = s[f.col[e]];
             prow[n] = W[f.col[e]];
         }
-        step_combine_rows(x, coef, prow, n, 0, m);
+        rows::combine(x, coef, prow, n, 0, m);
     }
     // R[i][j] = X[i] . SysMat[j] for j >= i.
     for (int i = 0; i < mN; ++i) {
@@ -333,7 +214,7 @@ __attribute__((always_inline)) inline void step_joint_variance(StepFrame &f, dou
             if (f.unit[j] >= 0) {
                 acc = x[f.unit[j]];
             } else if (f.dense[j]) {
-                acc = step_dot(x, s, m);
+                acc = rows::dot(x, s, m);
             } else {
                 acc = 0.0;
                 for (int e = f.start[j]; e < f.start[j + 1]; ++e) acc += x[f.col[e]] * s[f.col[e]];
@@ -463,11 +344,11 @@ inline void step_multi_gain(int N, int m, double **W1, double **F) {
                 coef[k] = W1[m + k][r];
                 coef1[k] = W1[m + k][r + 1];
             }
-            step_combine_rows2(W1[r] + m, W1[r + 1] + m, coef, coef1, F, N, 0, N);
+            rows::combine2(W1[r] + m, W1[r + 1] + m, coef, coef1, F, N, 0, N);
         }
         if (r < m) {
             for (int k = 0; k < N; ++k) coef[k] = W1[m + k][r];
-            step_combine_rows(W1[r] + m, coef, F, N, 0, N);
+            rows::combine(W1[r] + m, coef, F, N, 0, N);
         }
         return;
     }
@@ -515,14 +396,14 @@ inline void step_multi_variance(int N, int m, double **W1) {
         int r = 0;
         for (; r + 2 <= m; r += 2) {
             // Rows r and r+1 from column r (row r+1's first value unused).
-            step_combine_rows2(km, km1, W1[r] + m, W1[r + 1] + m, Mrows, N, r, m - r);
+            rows::combine2(km, km1, W1[r] + m, W1[r + 1] + m, Mrows, N, r, m - r);
             double *Pr = W1[r], *Pr1 = W1[r + 1];
             for (int c = r; c < m; ++c) Pr[c] -= km[c - r];
             for (int c = r + 1; c < m; ++c) Pr1[c] -= km1[c - r];
         }
         if (r < m) {
             double *Pr = W1[r];
-            step_combine_rows(km, W1[r] + m, Mrows, N, r, m - r);
+            rows::combine(km, W1[r] + m, Mrows, N, r, m - r);
             for (int c = r; c < m; ++c) Pr[c] -= km[c - r];
         }
     } else {
@@ -561,11 +442,11 @@ inline void step_univ_update(int m, double **W1, const double *p, double v) {
     for (int j = 0; j < m; ++j) a[j] = p[j] + K[j] * v;
     for (int j = 0; j < m; ++j) {
         const double Mj = W1[j][m];
-        const step_v2 mv = {Mj, Mj};
+        const v2 mv = {Mj, Mj};
         double *Pj = W1[j];
         int k = j;
         for (; k + 2 <= m; k += 2) {
-            step_v2 pv, kv;
+            v2 pv, kv;
             __builtin_memcpy(&pv, Pj + k, 16);
             __builtin_memcpy(&kv, K + k, 16);
             pv -= mv * kv;

@@ -63,17 +63,17 @@ void multi_form_u_D(int N, int m, int t, double **W1, double **W2, double **stor
         // The same sums in the same order, as register-blocked combinations
         // of rows: row k of N K combines the gain rows (W1[j] from column m)
         // by N[k]; row a of K' N K combines the rows of N K by column a of K.
-        double *rows[StepFrame::kMaxOrder], tmp[StepFrame::kMaxOrder], coef[StepFrame::kMaxOrder];
-        for (int j = 0; j < m; ++j) rows[j] = W1[j] + m;
+        double *krows[StepFrame::kMaxOrder], tmp[StepFrame::kMaxOrder], coef[StepFrame::kMaxOrder];
+        for (int j = 0; j < m; ++j) krows[j] = W1[j] + m;
         for (int k = 0; k < m; ++k) {
-            step_combine_rows(tmp, W2[k], rows, m, 0, N);
+            rows::combine(tmp, W2[k], krows, m, 0, N);
             for (int a = 0; a < N; ++a) W2[k][m + a] = W2[m + a][k] = -tmp[a];
         }
-        for (int k = 0; k < m; ++k) rows[k] = W2[k] + m;
+        for (int k = 0; k < m; ++k) krows[k] = W2[k] + m;
         for (int a = 0; a < N; ++a) {
             const int ca = m + a;
             for (int k = 0; k < m; ++k) coef[k] = W1[k][ca];
-            step_combine_rows(tmp, coef, rows, m, a, N - a);
+            rows::combine(tmp, coef, krows, m, a, N - a);
             for (int b = a; b < N; ++b) {
                 const int cb = m + b;
                 const double x = W2[ca][cb] - tmp[b - a];

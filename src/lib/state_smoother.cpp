@@ -23,7 +23,7 @@ void state_smo(bool univ, int N, int T, int m, double **sys, int **sysidx, doubl
     double *a = W2[mN];
     // x' N(t-1) x for the rows x of P and of Z P: N is exactly symmetric, so
     // x' N is the combination of the rows of N by x (register-blocked, the
-    // filter step's kernel), then one dot product with x.
+    // shared row kernel), then one dot product with x.
     const bool blocked = m <= StepFrame::kMaxOrder;
     double *nrows[StepFrame::kMaxOrder];
     if (blocked)
@@ -31,7 +31,7 @@ void state_smo(bool univ, int N, int T, int m, double **sys, int **sysidx, doubl
     auto quad = [&](const double *x) {
         if (!blocked) return dInnerProd(m, x, W1);
         double xn[StepFrame::kMaxOrder];
-        step_combine_rows(xn, x, nrows, m, 0, m);
+        rows::combine(xn, x, nrows, m, 0, m);
         double acc = 0.0;
         for (int c = 0; c < m; ++c) acc += xn[c] * x[c];
         return acc;
@@ -57,7 +57,7 @@ void state_smo(bool univ, int N, int T, int m, double **sys, int **sysidx, doubl
         if (blocked) {
             double *prows[StepFrame::kMaxOrder];
             for (int j = 0; j < m; ++j) prows[j] = W2[j];
-            for (int i = 0; i < N; ++i) step_combine_rows(W2[m + i], sys[m + i], prows, m, 0, m);
+            for (int i = 0; i < N; ++i) rows::combine(W2[m + i], sys[m + i], prows, m, 0, m);
         } else {
             for (int i = 0; i < N; ++i) {
                 const double *z = sys[m + i];
