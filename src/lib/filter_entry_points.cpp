@@ -74,9 +74,7 @@ TESSEL_EXPORT void FnLgmLik(ZuValue *rtn, ZuValue *args, int nargs) {
     const FilterRun run = run_filter(model, args[2], nullptr, true);
     // Written whenever the filter ran, also when it failed.
     if (run.ran) {
-        const double loglik =
-            -0.5 * (run.cnt * std::log(kTwoPi) + run.dLogDet + run.cnt * run.dSumSq);
-        set_ref_double(&args[0], loglik);
+        set_ref_double(&args[0], gaussian_loglik(run.cnt, run.dLogDet, run.dSumSq));
         set_ref_double(&args[1], run.dSumSq);
     }
     model.close();
@@ -92,9 +90,7 @@ TESSEL_EXPORT void FnLgmLikConc(ZuValue *rtn, ZuValue *args, int nargs) {
     // Written only when the filter succeeded.
     if (run.code == kOk) {
         const double sigma2 = run.dSumSq;
-        const double loglik =
-            -0.5 * (run.cnt * std::log(kTwoPi) + run.dLogDet + run.cnt * (std::log(sigma2) + 1.0));
-        set_ref_double(&args[0], loglik);
+        set_ref_double(&args[0], gaussian_loglik(run.cnt, run.dLogDet, std::log(sigma2) + 1.0));
         set_ref_double(&args[1], sigma2);
     }
     model.close();

@@ -9,6 +9,7 @@
 #ifndef TESSEL_LIB_FRAME_H
 #define TESSEL_LIB_FRAME_H
 
+#include <cmath>
 #include <cstddef>
 
 #include "tessel/tessel.h"
@@ -25,6 +26,14 @@ constexpr double kTwoPi = 6.283185307179586;
 // Result codes of numeric work inside an entry point.
 constexpr int kOk = 1;
 constexpr int kAllocFailed = 9;
+
+// The Gaussian log-likelihood from the filter's pieces: cnt usable
+// observations, the log-determinant sum and the mean squared standardised
+// innovation (dSumSq, already divided by cnt; the concentrated form passes
+// log(sigma2) + 1 in its place).
+inline double gaussian_loglik(int cnt, double dLogDet, double dSumSq) {
+    return -0.5 * (cnt * std::log(kTwoPi) + dLogDet + cnt * dSumSq);
+}
 
 // kappa = 9999999.99 x max(1, largest of the first `order` diagonal elements
 // of var): the variance given to a diffuse initial element.

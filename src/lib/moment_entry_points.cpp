@@ -150,8 +150,7 @@ TESSEL_EXPORT void FnLgmLikSco(ZuValue *rtn, ZuValue *args, int nargs) {
             else
                 MultiKalmanSmo(N, T, m, sys, model.sysidx, model.tvdata, W1.get(), W2.get(),
                                store.get(), S, nullptr);
-            const double loglik = -0.5 * (cnt * std::log(kTwoPi) + dLogDet + cnt * dSumSq);
-            set_ref_double(&args[0], loglik);
+            set_ref_double(&args[0], gaussian_loglik(cnt, dLogDet, dSumSq));
             if (three) set_ref_double(&args[1], dSumSq);
         }
     }
