@@ -316,13 +316,6 @@ inline int step_multi_innovations(int N, int m, int t, double **y, const double 
     return missing;
 }
 
-// Store column of a time point with every element missing: NaN
-// innovations, zero gains and inverse variances.
-inline void step_multi_store_missing(int N, int m, int t, double **store) {
-    for (int i = 0; i < N; ++i) SetNaN(&store[i][t]);
-    for (int r = N; r < N + N * (N + 1) / 2 + m * N; ++r) store[r][t] = 0.0;
-}
-
 // Once F holds F^-1: a missing element gets a zero inverse variance and a
 // zero innovation.
 inline void step_multi_clear_missing(int N, double **F, double *v) {
@@ -363,16 +356,12 @@ inline void step_multi_gain(int N, int m, double **W1, double **F) {
     }
 }
 
-// Store column t: the innovations, then for each series its gain column and
-// rows 0..i of column i of F^-1.
+// Store column t: the gains from the top-right block of W1, F^-1 from F.
 inline void step_multi_store(int N, int m, int t, double **W1, double **F, const double *v,
                              double **store) {
-    for (int i = 0; i < N; ++i) store[i][t] = v[i];
-    int row = N;
-    for (int i = 0; i < N; ++i) {
-        for (int r = 0; r < m; ++r) store[row++][t] = W1[r][m + i];
-        for (int k = 0; k <= i; ++k) store[row++][t] = F[k][i];
-    }
+    store_write(
+        store, N, m, t, v, [&](int r, int i) { return W1[r][m + i]; },
+        [&](int k, int i) { return F[k][i]; });
 }
 
 // a(t+1) = p + K v.
@@ -421,17 +410,10 @@ inline void step_multi_variance(int N, int m, double **W1) {
         for (int c = r + 1; c < m; ++c) W1[c][r] = W1[r][c];
 }
 
-// Single series, store column of a missing time point: NaN innovation,
-// zero gain and inverse variance.
-inline void step_univ_store_missing(int m, int t, double **store) {
-    SetNaN(&store[0][t]);
-    for (int r = 1; r <= m + 1; ++r) store[r][t] = 0.0;
-}
-
-// Single series, store column t: v, then the gain and 1/F (row m of W1).
+// Single series, store column t: v, then the gain and 1/F (K[0..m]).
 inline void step_univ_store(int m, int t, double v, const double *K, double **store) {
-    store[0][t] = v;
-    for (int r = 0; r <= m; ++r) store[r + 1][t] = K[r];
+    store_write(
+        store, 1, m, t, &v, [&](int r, int) { return K[r]; }, [&](int, int) { return K[m]; });
 }
 
 // Single series, once row m of W1 holds the gain and 1/F: a(t+1) = p + K v

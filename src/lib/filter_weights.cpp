@@ -40,12 +40,8 @@ namespace {
 void load_store_rows(int N, int m, double **store, int t, double **W1) {
     const int mN = m + N;
     for (int i = 0; i < N; ++i) {
-        const double v = store[i][t];
-        W1[mN][m + i] = v;
-        const bool missing = FIsNaN(v);
-        const int base = store_block(N, m, i);
         double *row = W1[m + i];
-        for (int k = 0; k <= m + i; ++k) row[k] = missing ? 0.0 : store[base + k][t];
+        W1[mN][m + i] = store_read_block(store, N, m, i, t, [&](int k, double x) { row[k] = x; });
     }
 }
 
@@ -166,18 +162,13 @@ int weight_smo(int N, int n, int tstar, int istar, int m, double **sys, int **sy
         write_time_varying(j, m, mN, sys, nullptr, nullptr, sysidx, nullptr, nullptr, tvdata);
         // Gains into W1's columns m.., F^-1 as a full block into W2's
         // bottom-right block, innovations into W1's last row.
-        for (int i = 0; i < N; ++i) {
-            const double v = store[i][j];
-            W1[mN][m + i] = v;
-            const bool missing = FIsNaN(v);
-            const int base = store_block(N, m, i);
-            for (int k = 0; k < m; ++k) W1[k][m + i] = missing ? 0.0 : store[base + k][j];
-            for (int a = 0; a <= i; ++a) {
-                const double f = missing ? 0.0 : store[base + m + a][j];
-                W2[m + a][m + i] = f;
-                W2[m + i][m + a] = f;
-            }
-        }
+        for (int i = 0; i < N; ++i)
+            W1[mN][m + i] = store_read_block(store, N, m, i, j, [&](int k, double x) {
+                if (k < m)
+                    W1[k][m + i] = x;
+                else
+                    W2[k][m + i] = W2[m + i][k] = x;
+            });
         // D~ = [[N, -N K], [-K' N, F^-1 + K' N K]] in W2.
         for (int r = 0; r < m; ++r)
             for (int c = 0; c < m; ++c) W2[r][c] = r >= c ? W1[r][c] : W1[c][r];

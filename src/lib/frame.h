@@ -153,9 +153,51 @@ void report_status(int code, ZuValue *rtn, ReturnKind kind, const char *failure_
 // Prints a warning through the host unless messages are off.
 void warn(const char *text);
 
-// First row of the filter store block of series i (of N, state dimension m):
-// its m gains, then rows 0..i of column i of F^-1.
+// ------------------------------------------------------------- filter store
+// The one decoder of the filter store. Column t belongs to time point t;
+// rows 0..N-1 hold the innovations v(t); then, for each series i, a block of
+// m + i + 1 rows from store_block(N, m, i): column i of the gain K = M F^-1
+// (m rows), then rows 0..i of column i of F^-1. N + mN + N(N+1)/2 rows in
+// all (m + 2 for one series: v, K, 1/F). A missing element stores v = 0 and
+// a zero block; a time point with every element missing NaN innovations and
+// zero blocks.
+
+// First row of the block of series i.
 inline int store_block(int N, int m, int i) { return N + i * m + i * (i + 1) / 2; }
+
+// Reads the block of series i at time t: put(j, x) for j = 0..m+i (the m
+// gains, then F^-1[0..i][i]), all zeros when the stored innovation is NaN
+// (such a time point carries no observation information). Returns the
+// innovation as stored.
+template <class Put>
+inline double store_read_block(double **store, int N, int m, int i, int t, Put &&put) {
+    const double v = store[i][t];
+    const int base = store_block(N, m, i);
+    if (FIsNaN(v))
+        for (int j = 0; j <= m + i; ++j) put(j, 0.0);
+    else
+        for (int j = 0; j <= m + i; ++j) put(j, store[base + j][t]);
+    return v;
+}
+
+// Writes column t: the innovations v, then for each series i the gains
+// gain(r, i), r < m, and finv(k, i), k <= i.
+template <class Gain, class Finv>
+inline void store_write(double **store, int N, int m, int t, const double *v, Gain &&gain,
+                        Finv &&finv) {
+    for (int i = 0; i < N; ++i) store[i][t] = v[i];
+    for (int i = 0; i < N; ++i) {
+        const int base = store_block(N, m, i);
+        for (int r = 0; r < m; ++r) store[base + r][t] = gain(r, i);
+        for (int k = 0; k <= i; ++k) store[base + m + k][t] = finv(k, i);
+    }
+}
+
+// Column t of a time point with every element missing.
+inline void store_write_missing(double **store, int N, int m, int t) {
+    for (int i = 0; i < N; ++i) SetNaN(&store[i][t]);
+    for (int r = N; r < store_block(N, m, N); ++r) store[r][t] = 0.0;
+}
 
 // Writes the time-t values of the elements marked in the open index tables
 // (each table may be null, and so may its target) from tvdata[row][t] into

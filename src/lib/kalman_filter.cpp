@@ -345,7 +345,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
                     }
                     for (int k = 0; k < M; ++k) a[k] = p[k];
                     SetNaN(&a[M]);
-                    if (store) step_univ_store_missing(M, t, store);
+                    if (store) store_write_missing(store, 1, M, t);
                     int j = 1, s = t + 1;
                     for (; j < q.len && s < n; ++j, ++s) {
                         if (meanidx)
@@ -451,7 +451,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
                     for (int j = 0; j < M; ++j) Pl[i][j] = Pb[i][j];
             for (int k = 0; k < m; ++k) a[k] = p[k];
             SetNaN(&a[m]);
-            if (store) step_univ_store_missing(m, t, store);
+            if (store) store_write_missing(store, 1, m, t);
             if constexpr (M > 0) record();
             continue;
         }
@@ -581,14 +581,10 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
                     q += vl[i] * row;
                 }
                 sumsq += q;
-                if (store) {
-                    for (int i = 0; i < N; ++i) store[i][s] = vl[i];
-                    int row = N;
-                    for (int i = 0; i < N; ++i) {
-                        for (int r = 0; r < m; ++r) store[row++][s] = B[r * mN + m + i];
-                        for (int c = 0; c <= i; ++c) store[row++][s] = B[(m + c) * mN + m + i];
-                    }
-                }
+                if (store)
+                    store_write(
+                        store, N, m, s, vl, [&](int r, int i) { return B[r * mN + m + i]; },
+                        [&](int c, int i) { return B[(m + c) * mN + m + i]; });
                 for (int r = 0; r < m; ++r) {
                     const double *Kr = B + r * mN + m;
                     double acc = p[r];
@@ -612,7 +608,7 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
         count += N - missing;
 
         if (missing == N) {
-            if (store) step_multi_store_missing(N, m, t, store);
+            if (store) store_write_missing(store, N, m, t);
             for (int k = 0; k < m; ++k) a[k] = p[k];
             continue;  // P(t+1) is already the top-left block of Pbar
         }

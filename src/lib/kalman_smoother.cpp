@@ -24,16 +24,9 @@ void multi_form_u_D(int N, int m, int t, double **W1, double **W2, double **stor
     double *u = W2[mN];
 
     if (store) {
-        for (int i = 0; i < N; ++i) {
-            const double v = store[i][t];
-            w1last[m + i] = v;
-            const int base = N + i * m + i * (i + 1) / 2;
-            const int col = m + i;
-            if (FIsNaN(v))
-                for (int j = 0; j <= m + i; ++j) W1[j][col] = 0.0;
-            else
-                for (int j = 0; j <= m + i; ++j) W1[j][col] = store[base + j][t];
-        }
+        for (int i = 0; i < N; ++i)
+            w1last[m + i] =
+                store_read_block(store, N, m, i, t, [&](int j, double x) { W1[j][m + i] = x; });
     }
 
     // F^-1 (from the upper triangles of the store columns) and F^-1 v; the
@@ -109,10 +102,7 @@ void univ_form_u_D(int m, int t, double **W1, double **W2, double **store) {
     double *u = W2[mN];
     double *K = W1[m];  // gain in columns 0..m-1, F^-1 in column m
 
-    if (store) {
-        w1last[m] = store[0][t];
-        for (int k = 0; k <= m; ++k) K[k] = store[1 + k][t];
-    }
+    if (store) w1last[m] = store_read_block(store, 1, m, 0, t, [&](int j, double x) { K[j] = x; });
     const double v = w1last[m];
     double um;
     if (FIsNaN(v)) {

@@ -11,7 +11,7 @@
 
 #include "frame.h"
 
-using tessel::store_block;
+using tessel::store_read_block;
 using tessel::write_time_varying;
 
 namespace {
@@ -23,11 +23,8 @@ inline int weight_block(int p, int q, int s) { return s * p + s * q - s * (s - 1
 // Columns m..p-1 of A, rows 0..m+i of column m+i: the store block of series
 // i at time t, or zeros when its innovation is missing.
 void load_store_columns(int N, int m, int t, double **store, double **A) {
-    for (int i = 0; i < N; ++i) {
-        const int base = store_block(N, m, i);
-        const bool missing = FIsNaN(store[i][t]) != 0;
-        for (int j = 0; j <= m + i; ++j) A[j][m + i] = missing ? 0.0 : store[base + j][t];
-    }
+    for (int i = 0; i < N; ++i)
+        store_read_block(store, N, m, i, t, [&](int j, double x) { A[j][m + i] = x; });
 }
 
 int sim_smo_weights(int N, int n, int m, double **sys, double **var, int **sysidx, int **varidx,

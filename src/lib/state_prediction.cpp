@@ -80,7 +80,7 @@ TESSEL_EXPORT int fMultiStatePred(int filtered, int N, int T, double **y, int m,
 
         const int missing = step_multi_innovations(N, m, t, y, p, W1, v);
         if (missing == N) {
-            if (store) step_multi_store_missing(N, m, t, store);
+            if (store) store_write_missing(store, N, m, t);
             for (int k = 0; k < m; ++k) a[k] = p[k];
             continue;
         }
@@ -165,7 +165,7 @@ TESSEL_EXPORT int fUnivStatePred(int filtered, int T, double *y, int m, double *
 
         if (FIsNaN(y[t])) {
             SetNaN(&a[m]);
-            if (store) step_univ_store_missing(m, t, store);
+            if (store) store_write_missing(store, 1, m, t);
             for (int k = 0; k < m; ++k) a[k] = p[k];
             continue;
         }
