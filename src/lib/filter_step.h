@@ -416,12 +416,10 @@ inline void step_univ_store(int m, int t, double v, const double *K, double **st
         store, 1, m, t, &v, [&](int r, int) { return K[r]; }, [&](int, int) { return K[m]; });
 }
 
-// Single series, once row m of W1 holds the gain and 1/F: a(t+1) = p + K v
-// and P(t+1) = Pbar - M K' (M the unscaled last column of Pbar), mirrored.
-inline void step_univ_update(int m, double **W1, const double *p, double v) {
+// Single series, once row m of W1 holds the gain and 1/F: P(t+1) = Pbar -
+// M K' (M the unscaled last column of Pbar), mirrored.
+inline void step_univ_variance(int m, double **W1) {
     const double *K = W1[m];
-    double *a = W1[m + 1];
-    for (int j = 0; j < m; ++j) a[j] = p[j] + K[j] * v;
     for (int j = 0; j < m; ++j) {
         const double Mj = W1[j][m];
         const v2 mv = {Mj, Mj};
@@ -438,6 +436,14 @@ inline void step_univ_update(int m, double **W1, const double *p, double v) {
     }
     for (int j = 0; j < m; ++j)
         for (int k = j + 1; k < m; ++k) W1[k][j] = W1[j][k];
+}
+
+// Single series: a(t+1) = p + K v, then P(t+1) as step_univ_variance.
+inline void step_univ_update(int m, double **W1, const double *p, double v) {
+    const double *K = W1[m];
+    double *a = W1[m + 1];
+    for (int j = 0; j < m; ++j) a[j] = p[j] + K[j] * v;
+    step_univ_variance(m, W1);
 }
 
 // Internal forms of the two filters with the steady-state shortcut

@@ -115,6 +115,7 @@ public:
     // Step k (k = 0, 1, ...) of a run of steps in the cycle: the top block
     // of W1 that the full step would leave (mN x mN, row by row; row m holds
     // the gain and F^-1 of a single series), and its log term.
+    double *block(int k) { return e_[index(k)].blk; }
     const double *block(int k) const { return e_[index(k)].blk; }
     double logv(int k) const { return e_[index(k)].logv; }
 
@@ -205,6 +206,35 @@ struct LogProduct {
     double log() const { return std::log(mant) + double(expo) * 0.69314718055994530942; }
 };
 
+// The likelihood pieces of the single-series filter.
+struct UnivSums {
+    int count = 0;            // usable observations (less the diffuse elements)
+    LogProduct finv_product;  // product of the 1/F, for log|F|
+    double sumsq = 0.0;       // sum of v^2 / F
+};
+
+// The observation part of a single-series step once the gain K[0..m) and
+// 1/F (K[m]) are known: v = y - p[m], the likelihood pieces (a negative F is
+// filtered through but not counted), store column t and a(t+1) = p + K v.
+// Returns v. Every observed step of the filter, full or replayed, ends here.
+template <int M>
+__attribute__((always_inline)) inline double univ_observe(int m_arg, int t, double y,
+                                                          const double *p, const double *K,
+                                                          double *a, double **store,
+                                                          UnivSums &sums) {
+    const int m = M > 0 ? M : m_arg;
+    const double v = y - p[m];
+    const double Finv = K[m];
+    if (Finv > 0.0) {
+        ++sums.count;
+        sums.finv_product.mul(Finv);
+        sums.sumsq += v * v * Finv;
+    }
+    if (store) step_univ_store(m, t, v, K, store);
+    for (int j = 0; j < m; ++j) a[j] = p[j] + K[j] * v;
+    return v;
+}
+
 // p = mean + SysMat a and Pbar = SysMat P SysMat' + VarMat for a single
 // series and a state of compile-time order M: the dense products, unrolled.
 template <int M>
@@ -248,18 +278,17 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
     const int mN = m + 1;
     const double kappa = diffuse_kappa(var, mN);
     const int d = step_initialise(m, mN, init, kappa, W1);
-    int count = -d;
     // The likelihood pieces accumulate locally and are written back on every
     // return (a failed filter still reports what it had summed).
     // log|F| summed as the logarithm of the product of the 1/F.
     const double logdet0 = -d * std::log(kappa);
-    LogProduct finv_product;
-    double sumsq = 0.0;
+    UnivSums sums;
+    sums.count = -d;
     auto finish = [&](int rc) {
-        if (dLogDet) *dLogDet = logdet0 - finv_product.log();
-        if (rc && dSumSq) sumsq /= count;
-        if (dSumSq) *dSumSq = sumsq;
-        if (rc && cnt) *cnt = count;
+        if (dLogDet) *dLogDet = logdet0 - sums.finv_product.log();
+        if (rc && dSumSq) sums.sumsq /= sums.count;
+        if (dSumSq) *dSumSq = sums.sumsq;
+        if (rc && cnt) *cnt = sums.count;
         return rc;
     };
 
@@ -359,16 +388,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
                             for (int c = 0; c < M; ++c) acc += sys[i][c] * a[c];
                             p[i] = acc;
                         }
-                        const double v = ys - p[M];
-                        a[M] = v;
-                        const double Finv = Kb[M];
-                        if (Finv > 0.0) {
-                            ++count;
-                            finv_product.mul(Finv);
-                            sumsq += v * v * Finv;
-                        }
-                        if (store) step_univ_store(M, s, v, Kb, store);
-                        for (int c = 0; c < M; ++c) a[c] = p[c] + Kb[c] * v;
+                        a[M] = univ_observe<M>(M, s, ys, p, Kb, a, store, sums);
                     }
                     const double *last = q.blk[j - 1];
                     for (int i = 0; i <= M; ++i)
@@ -418,15 +438,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
                 } else {
                     step_predict(frame, sys, mean, al, p);
                 }
-                v = ys - p[m];
-                const double Finv = Kb[m];
-                if (Finv > 0.0) {
-                    ++count;
-                    finv_product.mul(Finv);
-                    sumsq += v * v * Finv;
-                }
-                if (store) step_univ_store(m, s, v, Kb, store);
-                for (int j = 0; j < m; ++j) al[j] = p[j] + Kb[j] * v;
+                v = univ_observe<M>(m, s, ys, p, Kb, al, store, sums);
             }
             for (int j = 0; j < m; ++j) a[j] = al[j];
             a[m] = v;
@@ -456,8 +468,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             continue;
         }
 
-        const double v = yt - p[m];
-        a[m] = v;
+        a[m] = yt - p[m];  // the innovation is left in W1 also when F = 0 ends the filter
         const double F = M > 0 ? Pb[ML][ML] : K[m];
         if (F == 0.0) return finish(0);
         const double Finv = 1.0 / F;
@@ -468,20 +479,10 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             for (int k = 0; k < m; ++k) K[k] *= Finv;
         }
         K[m] = Finv;
-
-        // A negative F is filtered through but not counted.
-        if (Finv > 0.0) {
-            ++count;
-            finv_product.mul(Finv);
-            sumsq += v * v * Finv;
-        }
-
-        if (store) step_univ_store(m, t, v, K, store);
-
-        // a(t+1) = p + K v; P(t+1) = Pbar - M K', with M the unscaled last
-        // column of Pbar.
+        // v, likelihood pieces, store, a(t+1) = p + K v; then P(t+1) = Pbar -
+        // M K', with M the unscaled last column of Pbar.
+        a[m] = univ_observe<M>(m, t, yt, p, K, a, store, sums);
         if constexpr (M > 0) {
-            for (int j = 0; j < M; ++j) a[j] = p[j] + K[j] * v;
             for (int j = 0; j < M; ++j)
                 for (int k = j; k < M; ++k) {
                     const double x = Pb[j][k] - Pb[j][M] * Kl[k];
@@ -489,7 +490,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
                     W1[j][k] = W1[k][j] = x;
                 }
         } else {
-            step_univ_update(m, W1, p, v);
+            step_univ_variance(m, W1);
         }
 
         if constexpr (M > 0) record();
@@ -501,7 +502,7 @@ int univ_filter(int n, const double *y, int m_arg, double **sys, double **var, d
             }
     }
 
-    return finish(count < 1 ? 0 : 1);
+    return finish(sums.count < 1 ? 0 : 1);
 }
 
 }  // namespace
@@ -549,10 +550,11 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
         for (int i = 0; i < N; ++i) missing += std::isnan(y[i][t]) ? 1 : 0;
 
         if (steady && !missing) {
-            // A run of fully observed steps in the cycle: the arithmetic of
-            // multi_update_mean on the saved blocks (gain in the top-right
-            // block, F^-1 in the bottom-right), the state held locally.
+            // A run of fully observed steps in the cycle: multi_update_mean
+            // on the saved blocks (gain in the top-right block, F^-1 in the
+            // bottom-right), the state held locally.
             double al[SteadyState::kMaxOrder], vl[SteadyState::kMaxOrder];
+            double *Brows[SteadyState::kMaxOrder], *Frows[SteadyState::kMaxOrder];
             for (int j = 0; j < m; ++j) al[j] = a[j];
             int k = 0;
             for (int s = t; s < n; ++s, ++k) {
@@ -561,7 +563,9 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
                 bool all = true;
                 for (int i = 0; i < N; ++i) all &= !std::isnan(y[i][s]);
                 if (!all) break;
-                const double *B = steady_state.block(k);
+                double *B = steady_state.block(k);
+                for (int r = 0; r < mN; ++r) Brows[r] = B + r * mN;
+                for (int i = 0; i < N; ++i) Frows[i] = Brows[m + i] + m;
                 if (frame.ok)
                     step_predict(frame, sys, mean, al, p);
                 else
@@ -572,25 +576,8 @@ int tessel::multi_kalman_filter(int N, int n, double **y, int m, double **sys, d
                     }
                 for (int i = 0; i < N; ++i) vl[i] = y[i][s] - p[m + i];
                 count += N;
-                logdet_sum += steady_state.logv(k);
-                double q = 0.0;
-                for (int i = 0; i < N; ++i) {
-                    const double *Fi = B + (m + i) * mN + m;
-                    double row = 0.0;
-                    for (int c = 0; c < N; ++c) row += Fi[c] * vl[c];
-                    q += vl[i] * row;
-                }
-                sumsq += q;
-                if (store)
-                    store_write(
-                        store, N, m, s, vl, [&](int r, int i) { return B[r * mN + m + i]; },
-                        [&](int c, int i) { return B[(m + c) * mN + m + i]; });
-                for (int r = 0; r < m; ++r) {
-                    const double *Kr = B + r * mN + m;
-                    double acc = p[r];
-                    for (int c = 0; c < N; ++c) acc += Kr[c] * vl[c];
-                    al[r] = acc;
-                }
+                multi_update_mean(N, m, s, Brows, Frows, vl, p, al, steady_state.logv(k), store,
+                                  logdet_sum, sumsq);
             }
             for (int j = 0; j < m; ++j) a[j] = al[j];
             for (int i = 0; i < N; ++i) v[i] = vl[i];
