@@ -123,7 +123,7 @@ def conditional(ora, target, given, values):
 
 def observed(ora):
     rows, _ = ora.observed_rows()
-    return rows, ora._values(rows)
+    return rows, ora.values(rows)
 
 
 def selected_disturbance_rows(ora, sel):
