@@ -348,17 +348,3 @@ def _qr(At):
     signs = np.where(np.diag(R) < 0, -1.0, 1.0)
     return Q * signs, R * signs[:, None]
 
-
-def simulate(model, n, rng):
-    """Draws states (m x (n+1)) and observations (N x n) from the model, with
-    unit variance for the diffuse initial elements."""
-    a0, P0, flags = model.initial(exact=True)
-    P0[flags, flags] = 1.0
-    alpha, y = np.zeros((model.m, n + 1)), np.zeros((model.N, n))
-    alpha[:, 0] = rng.multivariate_normal(a0, P0)
-    for t in range(n):
-        T, Z, V, c, d = model.system(t)
-        e = rng.multivariate_normal(np.zeros(model.p), V, method="eigh")
-        y[:, t] = d + Z @ alpha[:, t] + e[model.m:]
-        alpha[:, t + 1] = c + T @ alpha[:, t] + e[:model.m]
-    return alpha, y

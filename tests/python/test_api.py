@@ -16,8 +16,8 @@ import pandas as pd
 import pytest
 
 import tessel
-from models import call_refs as _ref_call
-from models import recursion_reference
+from zoo import call_refs as _ref_call
+from zoo import recursion_reference
 from oracle import Oracle, StateSpace
 
 # Oracle comparisons with proper initial states: both sides are exact

@@ -18,7 +18,7 @@ import pandas as pd
 import pytest
 
 import tessel
-from models import simulate_bsm
+from zoo import simulate_bsm
 from tessel import estimation
 
 sm = pytest.importorskip("statsmodels.api")

@@ -1,51 +1,348 @@
-"""The oracle's exact diffuse limit against statsmodels' exact diffuse
-initialisation and against its own kappa mode."""
+"""Every numerical result of the filtering entry points against the
+joint-Gaussian oracle (oracle.py), one fixture of assertions over
+(zoo model, quantity); and the oracle's exact diffuse limit against
+statsmodels and against its own kappa mode.
+
+A quantity is a function (case, oracles) -> list of (what, library value,
+oracle value, tolerance key). Where an entry point's documented output
+differs from the textbook conditional moment (filtered variances, NaN
+before a whole gap in the multivariate backward passes, time-varying
+intercepts rebuilt one column early), the expected value is built from
+oracle moments by that documented formula.
+"""
 
 import numpy as np
 import pytest
 
 import tessel
-from models import BSM_SIGMAS, BSM_TABLE, bsm_data, bsm_statsmodels
-from oracle import TWO_PI, Oracle, StateSpace
+from oracle import TWO_PI
+from zoo import BSM_SIGMAS, ZOO, assert_close, diag_rows, recursion_reference, unpack_store
+
+# Tolerances, relative to max(1, largest |expected|) of each compared array.
+TOL = {
+    # Proper start: both sides well conditioned, O(1) values (measured <= 3e-14).
+    "proper": 1e-11,
+    # Diffuse elements at variance kappa ~ 1e7 lose log10(kappa) digits on
+    # both sides (measured <= 2e-9 on means and variances).
+    "kappa": 5e-8,
+    # The multivariate filter inverts F = kappa u u' + B explicitly; with
+    # fewer diffuse directions than observed series a rounding of F^-1 of
+    # relative size eps becomes kappa^2 eps ~ 2e-2 in P after the first
+    # update (measured up to 4e-3; the oracle and statsmodels agree to 1e-8).
+    "kappa multi": 2e-2,
+    # Smoothed variance at t = 0 of a diffuse state: P - P N P with both
+    # terms ~ kappa leaves eps kappa^2 ~ 0.02 absolute on either side; a
+    # check of magnitude only (measured up to 0.8 on the 13 diffuse states
+    # of the structural model).
+    "kappa floor": 2.0,
+    # Central differences of the oracle log-likelihood, h = 1e-5: truncation
+    # h^2 |L'''| ~ 1e-10, rounding eps |L| / h ~ 1e-9.
+    "score": 1e-6,
+}
 
 
-def _local_level():
-    rng = np.random.default_rng(5)
-    y = np.cumsum(rng.normal(size=60)) * 0.7 + rng.normal(size=60) + 100.0
-    y[[0, 10, 11, 40]] = np.nan
+def tol_key(case):
+    if not case.d:
+        return "proper"
+    return "kappa multi" if case.N > 1 and case.d < case.N else "kappa"
+
+
+def ref(name, *args):
+    r = tessel.Ref()
+    return r, tessel.call(name, *args)
+
+
+def moments(sel, case):
+    out = tessel.Ref()
+    ret = tessel.call("LgmMomentEst", sel, out, case.y, *case.args())
+    return out.value, ret
+
+
+def nan_before_whole_gap(case, a, upto=0):
+    """The multivariate backward passes carry the NaN innovations of a time
+    point without observations into it and every earlier one (documented)."""
+    a = np.array(a, dtype=float)
+    if case.N > 1 and case.whole_gaps.size:
+        a[..., :case.whole_gaps.max() + 1 + upto] = np.nan
+    return a
+
+
+# ---------------------------------------------------------------- quantities
+
+def q_loglik(case, ora):
+    ll, s2, lc, sc = (tessel.Ref() for _ in range(4))
+    assert tessel.call("LgmLik", ll, s2, case.y, *case.args()) == 1
+    assert tessel.call("LgmLikConc", lc, sc, case.y, *case.args()) == 1
+    ll_o, s2_o, _ = ora().loglik()
+    return [("loglik", ll.value, ll_o, None), ("scale", s2.value, s2_o, None),
+            ("concentrated", (lc.value, sc.value), ora().loglik_concentrated(), None)]
+
+
+def q_store(case, ora):
+    """KalmanFil: innovations (0 where an element is missing, NaN where the
+    whole vector is), gains, and F^-1 over the observed elements."""
+    store = tessel.call("KalmanFil", case.y, *case.args())
+    assert store.shape == (case.N * (case.N + 3) // 2 + case.m * case.N, case.y.shape[1])
+    v, K, Finv = unpack_store(store, case.N, case.m)
+    v_o, F_o, _, K_o = ora().innovations()
+    obs = ~np.isnan(case.y)
+    Finv_o = np.zeros_like(F_o)
+    for t, o in enumerate(obs.T):
+        Finv_o[t][np.ix_(o, o)] = np.linalg.inv(F_o[t][np.ix_(o, o)])
+    v_o = np.where(obs, v_o, np.where(obs.any(axis=0), 0.0, np.nan))
+    return [("innovations", v, v_o, None), ("gains", K, K_o, None), ("F^-1", Finv, Finv_o, None)]
+
+
+def q_predicted(case, ora):
+    """LgmMomentEst 0: a(t), Z a(t) + d, diag P(t), diag F(t); returns P(n) over a(n)."""
+    mom, ret = moments(0, case)
+    m, N, n = case.m, case.N, case.y.shape[1]
+    a, P = ora().predicted_states()
+    s, _ = ora().signals("predicted", intercept=True)
+    F = ora().innovations()[1]
+    return [("state", mom[:m], a[:, :n], None), ("signal", mom[m:m + N], s, None),
+            ("state variance", mom[m + N:2 * m + N], diag_rows(P[:n]), None),
+            ("innovation variance", mom[2 * m + N:], diag_rows(F), None),
+            ("beyond the data", ret, np.vstack([P[n], a[:, n]]), None)]
+
+
+def q_filtered(case, ora):
+    """LgmMomentEst 5. The single-series state variance subtracts
+    (P Z')_k (Z P T')_k / F (textbook when T = I) and its signal row is the
+    filtered signal variance plus GG'; the multivariate signal row is
+    F_ii - (Z P Z' F^-1 X)_ii with X the top-left N x N corner of
+    SysMat P SysMat'."""
+    mom, ret = moments(5, case)
+    m, N, n = case.m, case.N, case.y.shape[1]
+    a_f, P_f = ora().filtered_states()
+    s, sv = ora().signals("filtered", intercept=True)
+    _, P = ora().predicted_states()
+    F = ora().innovations()[1]
+    var_s, var_o = diag_rows(P_f), np.zeros((N, n))
+    for t in range(n):
+        T, Z, V, _, _ = case.model.system(t)
+        o = ~np.isnan(case.y[:, t])
+        if N == 1:
+            var_o[0, t] = sv[t, 0, 0] + V[m, m]
+            if o[0]:
+                var_s[:, t] = np.diag(P[t]) - (P[t] @ Z[0]) * (T @ P[t] @ Z[0]) / F[t, 0, 0]
+            continue
+        Finv = np.zeros((N, N))
+        Finv[np.ix_(o, o)] = np.linalg.inv(F[t][np.ix_(o, o)])
+        S = np.vstack([T, Z])
+        X = (S @ P[t] @ S.T)[:N, :N]
+        var_o[:, t] = np.diag(F[t]) - np.einsum("ij,ji->i", Z @ P[t] @ Z.T @ Finv, X)
+    out = [("state", mom[:m], a_f, None), ("signal", mom[m:m + N], s, None),
+           ("state variance", mom[m + N:2 * m + N], var_s, None),
+           ("signal variance", mom[2 * m + N:], var_o, None)]
+    if N == 1:
+        out.append(("beyond the data", ret, moments(0, case)[1], None))
+    return out
+
+
+def q_smoothed(case, ora):
+    """LgmMomentEst 1 and KalmanSmo: a^(t) = a(t) + P(t) r(t-1), the return
+    value N(-1) over r(-1)' against KalmanSmo's start column, and for one
+    state V(t) = P(t) - P(t)^2 N(t-1). Smoothed variances are at the kappa
+    rounding floor until the diffuse elements are determined (where the
+    exact limit of P(t) is still infinite)."""
+    mom, ret = moments(1, case)
+    m, N, p, n = case.m, case.N, case.p, case.y.shape[1]
+    a, V = ora().smoothed_states()
+    s, sv = ora().signals("smoothed")
+    k = int(np.isnan(ora("exact").predicted_states()[1]).any(axis=(1, 2)).sum()) if case.d else 0
+    out = [("state", mom[:m], nan_before_whole_gap(case, a), None),
+           ("signal", mom[m:m + N], nan_before_whole_gap(case, s), None),
+           ("state variance", mom[m + N:2 * m + N, k:], diag_rows(V)[:, k:], None),
+           ("signal variance", mom[2 * m + N:, k:], diag_rows(sv)[:, k:], None),
+           ("diffuse period", mom[m + N:, :k], np.vstack([diag_rows(V), diag_rows(sv)])[:, :k],
+            "kappa floor")]
+    smo = tessel.call("KalmanSmo", tessel.call("KalmanFil", case.y, *case.args()), *case.args())
+    assert smo.shape == (2 * p, n + 1)
+    a_p, P_p = ora().predicted_states()
+    rebuilt = np.stack([a_p[:, t] + P_p[t] @ smo[:m, t] for t in range(n)], axis=1)
+    out += [("a + P r", rebuilt, nan_before_whole_gap(case, a), None),
+            ("return value", np.vstack([np.diag(ret[:m]), ret[m]]),
+             np.vstack([smo[m + N:2 * m + N, 0], smo[:m, 0]]), None)]
+    if m == 1:
+        out.append(("P - P N P", P_p[k:n, 0, 0] * (1 - P_p[k:n, 0, 0] * smo[m + N, k:n]),
+                    V[k:, 0, 0], None))
+    return out
+
+
+def q_disturbances(case, ora):
+    """LgmMomentEst 3: VarMat u~(t) and diag of the variance reduction; and
+    KalmanSmo's u~(t) = (r(t); u(t)) (column t+1) through VarMat(t) u~(t)."""
+    mom, _ = moments(3, case)
+    p, n = case.p, case.y.shape[1]
+    mean, _, red = ora().smoothed_disturbances()
+    smo = tessel.call("KalmanSmo", tessel.call("KalmanFil", case.y, *case.args()), *case.args())
+    through = np.stack([case.model.system(t)[2] @ smo[:p, t + 1] for t in range(n)], axis=1)
+    mean = nan_before_whole_gap(case, mean)
+    return [("mean", mom[:p], mean, None), ("variance reduction", mom[p:], diag_rows(red), None),
+            ("VarMat (r; u)", through, mean, None)]
+
+
+def q_conddens(case, ora):
+    """LgmCondDens 1 (smoothed states over signals with intercept) and 3
+    (smoothed disturbances). The states are rebuilt forward from KalmanSmo's
+    r: a + P r(-1) with the filter's P, except a + kappa r(-1) on a diffuse
+    row (its covariance with a later proper element ignored), then
+    a(t+1) = c + T a(t) + Q r(t) with the state block Q of VarMat only (no
+    cross term), time-varying intercepts one column early (the last repeated)."""
+    n, m = case.y.shape[1], case.m
+    smo = tessel.call("KalmanSmo", tessel.call("KalmanFil", case.y, *case.args()), *case.args())
+    a0, P, flags = case.model.initial()
+    P[flags] = case.model.kappa * np.eye(m)[flags]
+    a0 = a0 + P @ smo[:m, 0]
+    a, sig = np.zeros((m, n)), np.zeros((case.N, n))
+    for t in range(n):
+        T, Z, V, _, _ = case.model.system(t)
+        _, _, _, c, d = case.model.system(min(t + 1, n - 1))
+        a[:, t], sig[:, t] = a0, d + Z @ a0
+        a0 = c + T @ a0 + V[:m, :m] @ smo[:m, t + 1]
+    r1 = tessel.call("LgmCondDens", 1, case.y, *case.args())
+    r3 = tessel.call("LgmCondDens", 3, case.y, *case.args())
+    mean = nan_before_whole_gap(case, ora().smoothed_disturbances()[0])
+    return [("states", r1[:m], a, None), ("signals", r1[m:], sig, None),
+            ("disturbances", r3, mean, None)]
+
+
+def q_weights(case, ora):
+    """LgmWeights 0, 5, 1 for series 0 and N-1 at the last observed point
+    before n-2: state rows against the oracle, signal rows Z(j) times the
+    state weights of column j."""
+    out = []
+    miss = np.isnan(case.y)
+    for series in {0, case.N - 1}:
+        t_star = max(t for t in range(case.y.shape[1] - 2) if not miss[series, t])
+        marker = np.where(miss, np.nan, 0.0)
+        marker[series, t_star] = 1.0
+        for sel, kind in ((0, "predicted"), (5, "filtered"), (1, "smoothed")):
+            w = tessel.call("LgmWeights", sel, marker, *case.args())
+            want = ora().weights(t_star, series, kind)
+            sig = np.stack([case.model.system(j)[1] @ want[:, j] for j in range(want.shape[1])], 1)
+            out.append((f"{kind} weights of series {series}", w, np.vstack([want, sig]), None))
+    return out
+
+
+def q_score(case, ora):
+    """LgmLikSco: S = 2 dL/dVarMat against central differences of the
+    oracle log-likelihood (the exact limit for diffuse starts, which differs
+    from the kappa one by O(1/kappa) and carries no kappa rounding); an
+    off-diagonal pair moves together, so S_ij is the derivative itself.
+    Time-varying elements are not compared; a whole gap of a multivariate
+    series makes S NaN (the backward pass)."""
+    ll, s2, S = tessel.Ref(), tessel.Ref(), tessel.Ref()
+    assert tessel.call("LgmLikSco", ll, s2, S, case.y, *case.args()) == 1
+    h, p = 1e-5, case.p
+    numeric = np.zeros((p, p))
+    for i, j in zip(*np.triu_indices(p)):
+        E = np.zeros((p, p))
+        E[i, j] = E[j, i] = h
+        lik = [case.replace(var=case.var + s * E).oracle(diffuse="exact" if case.d else "kappa")
+               .loglik()[0] for s in (1, -1)]
+        numeric[i, j] = numeric[j, i] = (lik[0] - lik[1]) / (2 * h) * (2 if i == j else 1)
+    if case.varidx is not None:
+        numeric[case.varidx >= 0] = np.nan
+    got = np.where(np.isnan(numeric), np.nan, S.value)
+    if case.N > 1 and case.whole_gaps.size:
+        numeric[:] = np.nan
+    return [("score", got, numeric, "score"),
+            ("loglik", ll.value, ora().loglik()[0], None)]
+
+
+def q_recursion(case, ora):
+    """LgmRecursion from random disturbances against the model equations. The
+    start: a + (row of InitMat) u(0) for a proper element, a + kappa u(0)
+    for a diffuse one (kappa itself, not its square root)."""
+    u = np.random.default_rng(9).normal(size=(case.p, case.y.shape[1]))
+    a, _, flags = case.model.initial()
+    M = np.eye(case.m) * case.model.kappa if case.init is None else case.init[:case.m].copy()
+    M[flags] = case.model.kappa * np.eye(case.m)[flags]
+    out = tessel.call("LgmRecursion", u, *case.args())
+    return [("states over observations", out, recursion_reference(case.model, u, a + M @ u[:case.m, 0]),
+             "proper")]
+
+
+QUANTITIES = {f.__name__[2:]: f for f in (q_loglik, q_store, q_predicted, q_filtered, q_smoothed,
+                                          q_disturbances, q_conddens, q_weights, q_score,
+                                          q_recursion)}
+# The exact initial routines add their quantities here, compared with
+# ora("exact") at the tolerances of a proper start.
+
+
+# Faults found and not yet fixed: the test fails until they are.
+KNOWN = {(name, "conddens"): "LgmSignalSmo takes kappa from VarMat after the time-varying "
+         "writes of the last time point, not as passed" for name in ("univ_tv", "multi_diffuse_tv")}
+
+
+def skip(name, quantity):
+    case = ZOO[name]()
+    if quantity == "score" and np.linalg.eigvalsh(case.var).min() < 1e-3:
+        return "central differences need VarMat positive definite"
+    return None
+
+
+@pytest.mark.parametrize("quantity", QUANTITIES)
+@pytest.mark.parametrize("name", ZOO)
+def test_against_oracle(name, quantity, request):
+    if (name, quantity) in KNOWN:
+        request.applymarker(pytest.mark.xfail(strict=True, reason=KNOWN[name, quantity]))
+    reason = skip(name, quantity)
+    if reason:
+        pytest.skip(reason)
+    case = ZOO[name]()
+    cache = {}
+
+    def ora(diffuse="kappa"):
+        if diffuse not in cache:
+            cache[diffuse] = case.oracle(diffuse=diffuse)
+        return cache[diffuse]
+
+    for what, got, want, key in QUANTITIES[quantity](case, ora):
+        assert_close(got, want, TOL[key or tol_key(case)], f"{name} {quantity}: {what}")
+
+
+# ------------------------------------------------------- the oracle itself
+
+@pytest.mark.parametrize("name, components, params", [
+    ("trend_diffuse", dict(level="lltrend"), [1.4, 0.6, 0.05]),
+    ("bsm", dict(level="lltrend", seasonal=12), np.array(BSM_SIGMAS) ** 2)])
+def test_exact_limit_equals_statsmodels_exact_diffuse(name, components, params):
+    """statsmodels' UnobservedComponents with its exact diffuse
+    initialisation (same state order). Log-likelihood: ours is statsmodels'
+    plus (d/2) log(2 pi). Both sides are exact to rounding on O(1) matrices
+    (measured <= 1e-12): 1e-8 relative to the largest compared value."""
     from statsmodels.tsa.statespace.structural import UnobservedComponents
-    return (StateSpace([[1.0], [1.0]], np.diag([0.49, 1.0])), y,
-            UnobservedComponents(y, level="llevel", use_exact_diffuse=True).smooth([1.0, 0.49]))
-
-
-def _bsm():
-    y = bsm_data()
-    S, V, I = tessel.Ref(), tessel.Ref(), tessel.Ref()
-    tessel.call("GetLgmStsm", np.array(BSM_TABLE, dtype=float), S, V, I)
-    res = bsm_statsmodels(y, exact=True).smooth(np.array(BSM_SIGMAS) ** 2)
-    return StateSpace(S.value, V.value, init=I.value), y, res
-
-
-@pytest.mark.parametrize("make", [_local_level, _bsm], ids=["local_level", "structural"])
-def test_exact_limit_equals_statsmodels_exact_diffuse(make):
-    """Log-likelihood: ours is statsmodels' plus (d/2) log(2 pi). Both sides
-    are exact to rounding on O(1) matrices (measured 1.3e-10 absolute on the
-    local level at level 100, 1e-13 on the structural model): 1e-8 relative
-    to the largest compared value."""
-    model, y, res = make()
-    ora = Oracle(model, y[None], diffuse="exact")
-    m = model.m
-    ll, _, _ = ora.loglik()
-    assert ll == pytest.approx(res.llf + 0.5 * ora.d * np.log(TWO_PI), rel=1e-10)
+    case = ZOO[name]()
+    res = UnobservedComponents(case.y[0], use_exact_diffuse=True, **components).smooth(params)
+    ora, m = case.oracle(diffuse="exact"), case.m
+    assert ora.loglik()[0] == pytest.approx(res.llf + 0.5 * case.d * np.log(TWO_PI), rel=1e-10)
     a, P = ora.smoothed_states()
-    np.testing.assert_allclose(a, res.smoothed_state, rtol=0, atol=1e-8 * np.abs(a).max())
-    np.testing.assert_allclose(P, res.smoothed_state_cov.transpose(2, 0, 1), rtol=0,
-                               atol=1e-8 * np.abs(P).max())
+    assert_close(a, res.smoothed_state, 1e-8, "smoothed states")
+    assert_close(P, res.smoothed_state_cov.transpose(2, 0, 1), 1e-8, "smoothed state variances")
     mean, var, _ = ora.smoothed_disturbances()
-    eta = res.smoothed_state_disturbance  # statsmodels: the stochastic states only
-    k = eta.shape[0]
-    np.testing.assert_allclose(mean[:k], eta, rtol=0, atol=1e-8 * np.abs(eta).max())
-    np.testing.assert_allclose(mean[m], res.smoothed_measurement_disturbance[0], rtol=0,
-                               atol=1e-8 * np.abs(mean[m]).max())
-    np.testing.assert_allclose(var[:, m, m], res.smoothed_measurement_disturbance_cov[0, 0],
-                               rtol=0, atol=1e-8 * var[:, m, m].max())
+    eta = res.smoothed_state_disturbance  # the stochastic states only
+    assert_close(mean[:eta.shape[0]], eta, 1e-8, "smoothed state disturbances")
+    assert_close(mean[m], res.smoothed_measurement_disturbance[0], 1e-8, "observation disturbances")
+    assert_close(var[:, m, m], res.smoothed_measurement_disturbance_cov[0, 0], 1e-8, "their variances")
+
+
+@pytest.mark.parametrize("name", [k for k in ZOO if ZOO[k]().d])
+def test_kappa_mode_tends_to_the_exact_limit(name):
+    """The kappa oracle's error is c / kappa + O(1/kappa^2): the Richardson
+    extrapolation 2 f(2 kappa) - f(kappa) at kappa = 1e6 is within ~1e-12
+    of the exact limit (measured <= 5e-11 on the concentrated likelihood)."""
+    case = ZOO[name]()
+    exact = case.oracle(diffuse="exact")
+    runs = []
+    for kappa in (1e6, 2e6):
+        case.model.kappa = kappa
+        ora = case.oracle()
+        runs.append([ora.loglik()[0], ora.loglik_concentrated()[0], *ora.smoothed_states(),
+                     ora.smoothed_disturbances()[0], ora.predicted_states()[0]])
+    want = [exact.loglik()[0], exact.loglik_concentrated()[0], *exact.smoothed_states(),
+            exact.smoothed_disturbances()[0], exact.predicted_states()[0]]
+    for k, (lo, hi, w) in enumerate(zip(*runs, want)):
+        assert_close(2 * hi - lo, w, 1e-9, f"item {k}")
