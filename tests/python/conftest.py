@@ -1,10 +1,6 @@
-"""Shared fixtures of the Python tests.
-
-Every test runs under `host_clean`: afterwards the host must hold no matrix
-block and no table (error or not), no injected allocation failure may be left
-pending, and the library's messages are switched back on (a later
-``LgmWarning()`` with messages off would end the process).
-"""
+"""Every test runs under `host_clean`: afterwards the host holds no matrix
+block and no table, no injected allocation failure is pending, and messages
+are back on (a later LgmWarning() with messages off would end the process)."""
 
 import pytest
 

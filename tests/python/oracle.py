@@ -49,14 +49,14 @@ import scipy.linalg
 
 KAPPA_FACTOR = 9999999.99
 TWO_PI = 6.283185307179586
+# The data conditioned on for the state at t.
+UPTO = {"predicted": lambda t: t, "filtered": lambda t: t + 1, "smoothed": lambda t: None}
 
 
 def _present(x):
     """The array, or None for an absent optional argument (empty or 0)."""
-    if x is None:
-        return None
-    a = np.array(x, dtype=float)
-    return None if a.size == 0 or (a.shape == (1, 1) and a[0, 0] == 0.0) else a
+    a = None if x is None else np.array(x, dtype=float)
+    return None if a is None or a.size == 0 or (a.shape == (1, 1) and a[0, 0] == 0.0) else a
 
 
 def _factor(S):
@@ -196,15 +196,10 @@ class Oracle:
         free of it, and the QR factors of the proper loading of U2' X[given]."""
         key = given.tobytes()
         if key not in self._cache:
-            Dg, Gg = self.D[given], self.G[given]
-            k, d = Dg.shape
-            if Dg.size:
-                U, s, Vt = np.linalg.svd(Dg, full_matrices=True)
-                r = int(np.sum(s > 1e-10 * max(s.max(), 1.0)))
-                U1, U2, s, Vr, Vnull = U[:, :r], U[:, r:], s[:r], Vt[:r].T, Vt[r:].T
-            else:
-                U1, U2, s, Vr, Vnull = np.zeros((k, 0)), np.eye(k), np.zeros(0), np.zeros((d, 0)), np.eye(d)
-            QR = _qr((U2.T @ Gg).T) if U2.shape[1] else None
+            U, s, Vt = np.linalg.svd(self.D[given], full_matrices=True)
+            r = int(np.sum(s > 1e-10 * max(s.max(initial=0.0), 1.0)))
+            U1, U2, s, Vr, Vnull = U[:, :r], U[:, r:], s[:r], Vt[:r].T, Vt[r:].T
+            QR = np.linalg.qr((U2.T @ self.G[given]).T) if U2.shape[1] else None
             self._cache[key] = (U1, U2, s, Vr, Vnull, QR)
         return self._cache[key]
 
@@ -279,43 +274,35 @@ class Oracle:
             F[t], M[t] = cov[:N, :N], cov[N:, :N]
             o = self.observed[:, t]
             v[o, t] = self.y[o, t] - mean[:N][o]
-            if o.any() and np.isfinite(F[t]).all():
-                K[t][:, o] = np.linalg.solve(F[t][np.ix_(o, o)], M[t][:, o].T).T
-            else:
-                K[t][:, o] = np.nan
+            finite = o.any() and np.isfinite(F[t]).all()
+            K[t][:, o] = np.linalg.solve(F[t][np.ix_(o, o)], M[t][:, o].T).T if finite else np.nan
         return v, F, M, K
 
-    # -------------------------------------------------------------- states
-    def _states(self, times, upto):
-        m = self.model.m
-        a, P = np.zeros((m, len(times))), np.zeros((len(times), m, m))
-        for k, t in enumerate(times):
-            a[:, k], P[k], _ = self.condition(self.state_rows(t), self.observed_rows(upto(t))[0])
-        return a, P
+    # ------------------------------------------------------ states, signals
+    def states(self, kind):
+        """E[alpha(t) | y] and its variance given y before t ("predicted",
+        t = 0..n), up to t ("filtered") or all ("smoothed", both t < n)."""
+        parts = [self.condition(self.state_rows(t), self.observed_rows(UPTO[kind](t))[0])
+                 for t in range(self.n + (kind == "predicted"))]
+        a, P = (np.array([x[k] for x in parts]) for k in (0, 1))
+        return a.T.reshape(self.model.m, -1), P
 
     def predicted_states(self):
-        """a(t) = E[alpha(t) | y before t], P(t), for t = 0..n."""
-        return self._states(range(self.n + 1), lambda t: t)
+        return self.states("predicted")
 
     def filtered_states(self):
-        """E[alpha(t) | y up to t] and its variance, t = 0..n-1."""
-        return self._states(range(self.n), lambda t: t + 1)
+        return self.states("filtered")
 
     def smoothed_states(self):
-        """E[alpha(t) | all y] and its variance, t = 0..n-1."""
-        return self._states(range(self.n), lambda t: None)
+        return self.states("smoothed")
 
-    # ------------------------------------------------------------- signals
     def signals(self, kind="smoothed", intercept=False):
-        """Z(t) alpha(t) (+ d(t) when intercept), t = 0..n-1, given y before t
-        ("predicted"), up to t ("filtered") or all ("smoothed"): mean N x n,
-        variance n x N x N."""
-        upto = {"predicted": lambda t: t, "filtered": lambda t: t + 1, "smoothed": lambda t: None}
-        a, P = self._states(range(self.n), upto[kind])
-        Zs = [s[1] for s in self.systems]
-        mean = np.stack([Z @ a[:, t] + (s[4] if intercept else 0.0)
-                         for t, (Z, s) in enumerate(zip(Zs, self.systems))], axis=1)
-        return mean.reshape(self.model.N, self.n), np.array([Z @ Pt @ Z.T for Z, Pt in zip(Zs, P)])
+        """Z(t) alpha(t) (+ d(t) when intercept), t = 0..n-1, given the data
+        as for states(kind): mean N x n, variance n x N x N."""
+        a, P = self.states(kind)
+        mean = [s[1] @ a[:, t] + (s[4] if intercept else 0.0) for t, s in enumerate(self.systems)]
+        var = [s[1] @ Pt @ s[1].T for s, Pt in zip(self.systems, P)]
+        return np.array(mean).T.reshape(self.model.N, -1), np.array(var)
 
     # -------------------------------------------------------- disturbances
     def smoothed_disturbances(self):
@@ -332,19 +319,9 @@ class Oracle:
         """Weights of y[series][j] (j = 0..n-1) on the state at t_star given y
         before t_star ("predicted"), up to t_star ("filtered") or all
         ("smoothed"): m x n, zero where y[series][j] is not conditioned on."""
-        upto = {"predicted": t_star, "filtered": t_star + 1, "smoothed": None}[kind]
-        given, labels = self.observed_rows(upto)
-        _, _, W = self.condition(self.state_rows(t_star), given)
-        out = np.zeros((self.model.m, self.n))
-        for col, (i, j) in enumerate(labels):
-            if i == series:
-                out[:, j] = W[:, col]
+        given, labels = self.observed_rows(UPTO[kind](t_star))
+        W, out = self.condition(self.state_rows(t_star), given)[2], np.zeros((self.model.m, self.n))
+        cols = [k for k, (i, _) in enumerate(labels) if i == series]
+        out[:, [labels[k][1] for k in cols]] = W[:, cols]
         return out
-
-
-def _qr(At):
-    """Economic QR of A' with R's diagonal made positive."""
-    Q, R = np.linalg.qr(At, mode="reduced")
-    signs = np.where(np.diag(R) < 0, -1.0, 1.0)
-    return Q * signs, R * signs[:, None]
 

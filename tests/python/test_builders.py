@@ -1,8 +1,8 @@
 """Model builders against independent references: ARMA autocovariances
 (statsmodels' arma_acovf, from the lag polynomials alone), stationary
 variances (scipy's Lyapunov solver on the builder's own T and Q), the
-defining properties of seasonal blocks, and built models run through the
-filter against the oracle. Argument checks and messages live in the C++
+defining properties of seasonal blocks, a regression run through the
+filter. Argument checks, messages and the spline forms live in the C++
 tests."""
 
 import numpy as np
@@ -11,7 +11,7 @@ from scipy.linalg import solve_discrete_lyapunov as lyapunov
 from statsmodels.tsa.arima_process import arma_acovf
 
 import tessel
-from zoo import BSM_TABLE, ZOO, Block, call_refs
+from zoo import BSM_TABLE, ZOO, call_refs
 
 EMPTY = tessel.EMPTY
 
@@ -159,17 +159,3 @@ def test_regression_coefficients_recovered_by_the_filter():
     beyond = tessel.call("LgmMomentEst", 0, out, y + 3.0, sys, var, init, EMPTY, idx, EMPTY, EMPTY, x)
     np.testing.assert_allclose(beyond[-1], np.r_[beta, 3.0], rtol=0, atol=1e-7)
 
-
-def test_spline_model_runs_through_the_filter():
-    """The spline model with its index matrices and TvData against the
-    oracle reading the same block (two diffuse elements: 1e-8 relative)."""
-    rng = np.random.default_rng(8)
-    delta = rng.uniform(0.2, 2.0, size=(1, 30))
-    y = (np.cumsum(np.cumsum(rng.normal(size=30)) * 0.1) + rng.normal(size=30) * 0.3)[None]
-    y[0, 12] = np.nan
-    _, (sys, var, init, sysidx, varidx, tv) = call_refs("GetLgmSpline", 0.4, delta, refs=6)
-    b = Block(sys, var, y, init=init, sysidx=sysidx, varidx=varidx, tvdata=tv)
-    ll, s2 = tessel.Ref(), tessel.Ref()
-    assert tessel.call("LgmLik", ll, s2, y, *b.args()) == 1
-    ll_o, s2_o, _ = b.oracle().loglik()
-    assert (ll.value, s2.value) == pytest.approx((ll_o, s2_o), rel=1e-8)

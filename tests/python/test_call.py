@@ -32,25 +32,20 @@ def echo(value):
     return r.value
 
 
-def recursion(u, *model):
-    return tessel.call("LgmRecursion", u, *(model or ARMA.args()))
+def recursion(u):
+    return tessel.call("LgmRecursion", u, *ARMA.args())
 
 
 U = np.round(np.random.default_rng(7).normal(size=(3, 9)) * 4)
 
 
-@pytest.mark.parametrize("value", [7, INT_MAX, INT_MIN, np.int8(-7), np.uint16(65535), np.array(12)])
-def test_integers_round_trip_as_int(value):
+@pytest.mark.parametrize("value", [7, INT_MAX, INT_MIN, np.int8(-7), np.uint16(65535), np.array(12),
+                                   -0.0, 5e-324, -1.7976931348623157e308, np.inf, np.nan,
+                                   np.float32(0.1), np.float16(-2.5), np.array(0.25)])
+def test_scalars_round_trip_bit_for_bit(value):
     out = echo(value)
-    assert type(out) is int and out == int(value)
-
-
-@pytest.mark.parametrize("value", [-0.0, 5e-324, -1.7976931348623157e308, np.inf, np.float32(0.1),
-                                   np.float16(-2.5), np.array(0.25)])
-def test_floats_round_trip_bit_for_bit(value):
-    out = echo(value)
-    assert type(out) is float and np.float64(out).tobytes() == np.float64(value).tobytes()
-    assert np.isnan(echo(float("nan")))
+    assert type(out) is (int if np.issubdtype(type(np.asarray(value).item()), np.integer) else float)
+    assert np.asarray(out, dtype=float).tobytes() == np.asarray(value, dtype=float).tobytes()
 
 
 @pytest.mark.parametrize("value, found", [
@@ -61,17 +56,6 @@ def test_host_sees_the_converted_type(value, found):
         tessel.call("LgmWarning", value)
     assert err.value.number == 2
     assert str(err.value) == f"LgmWarning(): argument 1: expected integer, found {found}"
-
-
-def test_integer_value_reaches_the_library():
-    """The message switch reads the integer: 0 and negatives silence the
-    failing likelihood's message, 1 and more bring it back."""
-    for flag, expect in [(np.int16(0), 0), (-3, 0), (np.uint8(1), 1), (INT_MAX, 1)]:
-        tessel.call("LgmWarning", flag)
-        with tessel.capture_messages() as msgs:
-            assert tessel.call("LgmLik", tessel.Ref(), tessel.Ref(), LEVEL.y, LEVEL.sys,
-                               np.zeros((2, 2)), np.zeros((2, 1))) == 0
-        assert len(msgs) == expect, f"flag {flag!r}"
 
 
 @pytest.mark.parametrize("make", [
@@ -95,16 +79,6 @@ def test_special_values_masked_and_empty_matrices():
     for shape in [(0, 0), (4, 0), (0, 3)]:
         assert echo(np.zeros(shape, dtype=np.int32)).shape == shape
     assert echo(tessel.EMPTY).shape == (0, 0) and repr(tessel.EMPTY) == "tessel.EMPTY"
-
-
-def test_every_input_layout_gives_identical_results():
-    want = recursion(U)
-    big = np.zeros((6, 18))
-    big[::2, ::2] = U
-    for variant in (np.asfortranarray(U), U.astype(np.int16), big[::2, ::2], U.tolist()):
-        np.testing.assert_array_equal(recursion(variant), want)
-    np.testing.assert_array_equal(recursion(U, np.asfortranarray(ARMA.sys), ARMA.var.astype(np.float32),
-                                            np.vstack([ARMA.init, [[0, 0]]])[:3], ARMA.mean.T.T), want)
 
 
 @pytest.mark.parametrize("gaps", [False, True])

@@ -1,13 +1,9 @@
-"""The model zoo of the Python tests, and the helpers that read what the
-entry points return.
-
-Every entry of ZOO is a model block as a program passes it, with its data
-(N x n, NaN = missing); together they cover single and multivariate
-observations; proper, diffuse, partly diffuse and known (zero variance)
-initial states; d < N, d = N and d > N diffuse elements; partial and whole
-gaps; time-varying SysMat, VarMat and MeanVec; correlated state and
-observation noise; MeanVec; a rank-deficient state noise (ARMA).
-"""
+"""The model zoo of the Python tests: model blocks as a program passes them,
+with data (N x n, NaN = missing), covering single and multivariate series;
+proper, diffuse, partly diffuse and known initial states; d < N, d = N,
+d > N; partial and whole gaps; time-varying SysMat, VarMat and MeanVec;
+correlated noise; a rank-deficient state noise. Also the helpers that read
+what the entry points return."""
 
 import numpy as np
 from scipy.linalg import solve_discrete_lyapunov
@@ -19,35 +15,29 @@ NAN = np.nan
 OPTIONAL = ("init", "mean", "sysidx", "varidx", "meanidx", "tvdata")
 
 
-class Block:
-    """SysMat, VarMat and the optional parts of a model (None = absent) and
-    the data y."""
+class Block(StateSpace):
+    """A model block as passed (the oracle's reading of it, the parts as
+    given in `parts`) and its data y."""
 
-    def __init__(self, sys, var, y=None, init=None, mean=None, sysidx=None, varidx=None,
-                 meanidx=None, tvdata=None):
-        self.sys, self.var = np.asarray(sys, dtype=float), np.asarray(var, dtype=float)
+    def __init__(self, sys, var, y=None, **parts):
+        super().__init__(sys, var, **parts)
+        self.parts, self.model = parts, self
         self.y = None if y is None else np.asarray(y, dtype=float)
-        for name, x in zip(OPTIONAL, (init, mean, sysidx, varidx, meanidx, tvdata)):
-            setattr(self, name, None if x is None else np.asarray(x, dtype=float))
-        self.model = StateSpace(self.sys, self.var, **{k: getattr(self, k) for k in OPTIONAL})
-        self.m, self.N, self.p = self.model.m, self.model.N, self.model.p
-        self.d = int(self.model.initial()[2].sum())
+        self.d = int(self.initial()[2].sum())
 
     def args(self):
         """The model arguments after the data: trailing absent parts left
         out, absent parts before a present one passed empty."""
-        opt = [getattr(self, k) for k in OPTIONAL]
+        opt = [self.parts.get(k) for k in OPTIONAL]
         while opt and opt[-1] is None:
             opt.pop()
-        return [self.sys, self.var] + [tessel.EMPTY if x is None else x for x in opt]
+        return [self.sys, self.var] + [tessel.EMPTY if x is None else np.asarray(x, float) for x in opt]
 
     def replace(self, **kw):
-        parts = {k: getattr(self, k) for k in ("sys", "var", "y") + OPTIONAL}
-        parts.update(kw)
-        return Block(**parts)
+        return Block(**{"sys": self.sys, "var": self.var, "y": self.y, **self.parts, **kw})
 
     def oracle(self, y=None, diffuse="kappa"):
-        return Oracle(self.model, self.y if y is None else y, diffuse)
+        return Oracle(self, self.y if y is None else y, diffuse)
 
     @property
     def whole_gaps(self):
@@ -66,10 +56,9 @@ def _data(seed, N, n, missing=(), shift=0.0):
 
 
 def _tv(N, n, seed, state_mean=True):
-    """Time-varying parts of an m = 2 model: T[0][0] and Z[0][0] (SysIdx,
-    1.7 truncated to 1), the observation variance of series 0 and, for
-    N > 1, its covariance with the last series (both halves marked), the
-    state intercept 0 and the last observation intercept (MeanIdx)."""
+    """Time-varying parts of an m = 2 model: T[0][0], Z[0][0] (index 1.7,
+    truncated), observation variance 0 and its covariance with the last
+    series (both halves), state intercept 0, last observation intercept."""
     p = 2 + N
     rng = np.random.default_rng(seed)
     sysidx, varidx, meanidx = -np.ones((p, 2)), -np.ones((p, p)), -np.ones((p, 1))
