@@ -107,7 +107,7 @@ def known_level():
 def univ_tv():
     """Time-varying SysMat, VarMat and MeanVec (state and observation), one
     diffuse and one proper element, gaps."""
-    return Block([[0.7, 0.1], [0, 1], [1, 0.3]], np.diag([0.4, 0.1, 1.0]),
+    return Block([[0.7, 0.1], [0, 1], [1, 0.3]], np.diag([2.0, 0.1, 1.0]),
                  _data(6, 1, 12, [4, 5], shift=2.0), init=[[-1.0, 0.0], [0.3, 0.9], [0.0, 1.0]],
                  **_tv(1, 12, 6))
 
