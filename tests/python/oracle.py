@@ -37,11 +37,8 @@ Two treatments of the diffuse elements:
   Everything runs on O(1) matrices: expect agreement to ~1e-13 relative on
   the small models of the tests (condition numbers times eps).
 
-Typical use::
-
-    ora = Oracle(StateSpace(sys, var, init=init), y)   # y: N x n, NaN = missing
-    ll, scale, cnt = ora.loglik()                       # the library's convention
-    a, P = ora.predicted_states()                       # m x (n+1), (n+1) x m x m
+Use: ora = Oracle(StateSpace(sys, var, init=init), y, diffuse) with y N x n
+(NaN = missing), then ora.loglik(), ora.predicted_states(), ...
 """
 
 import numpy as np
@@ -83,9 +80,8 @@ class StateSpace:
     def __init__(self, sys, var, init=None, mean=None, sysidx=None, varidx=None,
                  meanidx=None, tvdata=None):
         self.sys = np.array(sys, dtype=float)
-        self.m = self.sys.shape[1]
-        self.N = self.sys.shape[0] - self.m
-        self.p = self.m + self.N
+        self.m, self.p = self.sys.shape[1], self.sys.shape[0]
+        self.N = self.p - self.m
         self.var = np.array(var, dtype=float).reshape(self.p, self.p)
         self.init, self.mean = _present(init), _present(mean)
         idx = [_present(x) for x in (sysidx, varidx, meanidx)]
@@ -135,9 +131,7 @@ class Oracle:
         if diffuse not in ("kappa", "exact"):
             raise ValueError("diffuse must be 'kappa' or 'exact'")
         self.model, self.exact = model, diffuse == "exact"
-        self.y = np.array(y, dtype=float)
-        if self.y.ndim != 2 or self.y.shape[0] != model.N:
-            raise ValueError("y must be N x n")
+        self.y = np.array(y, dtype=float).reshape(model.N, -1)
         m, N, p = model.m, model.N, model.p
         self.n = n = self.y.shape[1]
         self.Y0 = (n + 1) * m

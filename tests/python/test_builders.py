@@ -144,7 +144,7 @@ def test_regression_coefficients_recovered_by_the_filter():
     """y(t) = x(t)' beta exactly: the filtered state is (X X' + I / kappa)^-1
     X y, off beta by |(X X')^-1| |beta| / kappa ~ 1e-9, and rounding through
     kappa costs ~ kappa eps ~ 1e-9: 1e-7. Added in front of a level with
-    zero variance, the regression recovers beta and the constant."""
+    zero variance and a known initial value, it recovers beta and that value."""
     rng = np.random.default_rng(17)
     beta, x = np.array([1.5, -2.0, 0.7, 0.25]), rng.normal(size=(4, 80))
     y = (beta @ x).reshape(1, -1)
@@ -153,7 +153,7 @@ def test_regression_coefficients_recovered_by_the_filter():
     beyond = tessel.call("LgmMomentEst", 0, out, y, sys, var, init, EMPTY, idx, EMPTY, EMPTY, x)
     np.testing.assert_allclose(beyond[-1], beta, rtol=0, atol=1e-7)
     refs = [tessel.Ref(np.array([[1.0], [1.0]])), tessel.Ref(np.diag([0.0, 1.0])),
-            tessel.Ref(np.array([[-1.0], [0.0]])), tessel.Ref(EMPTY)]
+            tessel.Ref(np.array([[0.0], [3.0]])), tessel.Ref(EMPTY)]
     tessel.call("AddLgmReg", x, *refs)
     sys, var, init, idx = (r.value for r in refs)
     beyond = tessel.call("LgmMomentEst", 0, out, y + 3.0, sys, var, init, EMPTY, idx, EMPTY, EMPTY, x)

@@ -202,13 +202,15 @@ def q_conddens(case, ora):
 
 def q_weights(case, ora):
     """LgmWeights 0, 5, 1 for series 0 and N-1 at the last observed point
-    before n-2: state rows against the oracle, signal rows Z(j) times the
-    state weights of column j."""
+    before n-2 (missing elements NaN before it, -1 after it in row-major
+    order): state rows against the oracle, signal rows Z(j) times the state
+    weights of column j."""
     out = []
     miss = np.isnan(case.y)
     for series in {0, case.N - 1}:
         t_star = max(t for t in range(case.y.shape[1] - 2) if not miss[series, t])
-        marker = np.where(miss, np.nan, 0.0)
+        after = np.arange(miss.size).reshape(miss.shape) > series * miss.shape[1] + t_star
+        marker = np.where(miss, np.where(after, -1.0, np.nan), 0.0)
         marker[series, t_star] = 1.0
         for sel, kind in ((0, "predicted"), (5, "filtered"), (1, "smoothed")):
             w = tessel.call("LgmWeights", sel, marker, *case.args())

@@ -11,7 +11,6 @@ from scipy.linalg import solve_discrete_lyapunov
 import tessel
 from oracle import Oracle, StateSpace
 
-NAN = np.nan
 OPTIONAL = ("init", "mean", "sysidx", "varidx", "meanidx", "tvdata")
 
 
@@ -40,8 +39,7 @@ class Block(StateSpace):
         return Oracle(self, self.y if y is None else y, diffuse)
 
     @property
-    def whole_gaps(self):
-        """Time points with every series missing."""
+    def whole_gaps(self):  # time points with every series missing
         return np.nonzero(np.isnan(self.y).all(axis=0))[0]
 
 
@@ -51,7 +49,7 @@ def _data(seed, N, n, missing=(), shift=0.0):
     rng = np.random.default_rng(seed)
     y = np.cumsum(rng.normal(size=(N, n)), axis=1) * 0.5 + rng.normal(size=(N, n)) + shift
     for k in missing:
-        y[(slice(None), k) if np.isscalar(k) else k] = NAN
+        y[(slice(None), k) if np.isscalar(k) else k] = np.nan
     return y
 
 
@@ -247,6 +245,6 @@ def simulate_bsm(rng, n, s_irr, s_lev, s_slo, s_sea, period=12):
 def bsm_data(n=144):
     """Monthly points (seed 5) with gaps after the diffuse steps."""
     y = simulate_bsm(np.random.default_rng(5), n, *BSM_SIGMAS)
-    y[[k for k in (15, 28, 40, 41, 97) if k < n]] = NAN
+    y[[k for k in (15, 28, 40, 41, 97) if k < n]] = np.nan
     return y
 
