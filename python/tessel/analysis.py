@@ -10,6 +10,7 @@ Every function checks its arguments, calls the library through
 :class:`~tessel.model.NumericalError` (with the library's message).
 """
 
+import sys
 import warnings
 from dataclasses import dataclass
 from typing import Any
@@ -36,9 +37,12 @@ class _Data:
     give results the caller's index back."""
 
     def __init__(self, y, model=None, name="y"):
-        import pandas as pd
+        # pandas data can only come from an imported pandas: no import here
+        pd = sys.modules.get("pandas")
         self.index, self.columns, self.pandas = None, None, False
-        if isinstance(y, pd.Series):
+        if pd is None:
+            pass
+        elif isinstance(y, pd.Series):
             self.index, self.columns, self.pandas = y.index, [y.name if y.name is not None else "y"], True
             try:
                 y = y.to_numpy(dtype=float, na_value=np.nan)

@@ -15,6 +15,7 @@ cycle or autoregressive component may be ``None``.
 """
 
 import math
+import sys
 
 import numpy as np
 
@@ -173,17 +174,26 @@ class SumSeasonal(_Seasonal):
 
 class Cycle(Component):
     """Stochastic cycle: frequency in radians (0..pi), damping factor in
-    [0, 1]; sigma is the standard deviation of the cycle itself."""
+    [0, 1]; sigma is the standard deviation of the cycle itself, or with
+    ``disturbance=True`` that of its disturbance, so that damping 1 gives a
+    cycle with a disturbance and a diffuse initial state."""
     code, name = 7, "cycle"
     free_parameters = ("frequency", "damping")
 
-    def __init__(self, frequency=None, damping=None, sigma=None):
+    def __init__(self, frequency=None, damping=None, sigma=None, disturbance=False):
         super().__init__(sigma)
         self.frequency = _number(frequency, "Cycle: frequency", 0.0, math.pi, allow_none=True)
         self.damping = _number(damping, "Cycle: damping", 0.0, 1.0, allow_none=True)
+        self.disturbance = bool(disturbance)
 
     def params(self):
         return (self.frequency, self.damping, None)
+
+    def row(self, code=None):
+        row = super().row(code)
+        if self.disturbance and self.damping < 1.0:
+            row[1] = self.sigma / math.sqrt(1.0 - self.damping ** 2)
+        return row
 
     @property
     def states(self):
@@ -306,6 +316,17 @@ def component_names(comps):
     return names
 
 
+def finish_cycle_block(comp, V, I, start=0):
+    """A cycle given by its disturbance with damping 1: the library's row
+    gives it no disturbance and a proper start; set the disturbance
+    variance and make the start diffuse. Other components pass through."""
+    if isinstance(comp, Cycle) and comp.disturbance and comp.damping == 1.0:
+        V, I, b = np.array(V), np.array(I), slice(start, start + 2)
+        V[b, b] = comp.sigma ** 2 * np.eye(2)
+        I[b, b] = -np.eye(2)
+    return V, I
+
+
 def structural(components):
     """A univariate structural time series model from component objects.
 
@@ -334,7 +355,10 @@ def structural(components):
         raise ModelError(f"structural model refused: {err}") from None
     names = component_names(comps)
     layout = [(name, int(starts[0, j]), c.states, c) for j, (name, c) in enumerate(zip(names, comps))]
-    return Model(S.value, V.value, I.value,
+    var, init = V.value, I.value
+    for _, start, _, c in layout:
+        var, init = finish_cycle_block(c, var, init, start)
+    return Model(S.value, var, init,
                  info={"kind": "structural", "components": layout})
 
 
@@ -384,12 +408,9 @@ def _regressors(X, name="X"):
     """Regressors given time-major (n x k, or a 1-D series) -> k x n."""
     if X is None:
         raise ModelError(f"{name}: regressors are required")
-    try:
-        import pandas as pd
-        if isinstance(X, (pd.Series, pd.DataFrame)):
-            X = X.to_numpy(dtype=float)
-    except ImportError:  # pragma: no cover
-        pass
+    pd = sys.modules.get("pandas")          # pandas data only where pandas is loaded
+    if pd is not None and isinstance(X, (pd.Series, pd.DataFrame)):
+        X = X.to_numpy(dtype=float)
     try:
         arr = np.array(X, dtype=float)
     except (TypeError, ValueError):
