@@ -1,8 +1,9 @@
-"""Plots of fitted models and forecasts (matplotlib, works headless)."""
+"""Plots of fitted models, forecasts and residual diagnostics (matplotlib,
+works headless)."""
 
 import numpy as np
 
-__all__ = ["plot_fit", "plot_forecast"]
+__all__ = ["plot_fit", "plot_forecast", "plot_diagnostics"]
 
 
 def _pyplot():
@@ -22,74 +23,70 @@ def _has_display():
 def _x(index, n):
     if index is None:
         return np.arange(n)
-    try:
-        import pandas as pd
-        if isinstance(index, pd.PeriodIndex):
-            return index.to_timestamp()
-    except ImportError:  # pragma: no cover
-        pass
+    import sys
+    pd = sys.modules.get("pandas")
+    if pd is not None and isinstance(index, pd.PeriodIndex):
+        return index.to_timestamp()
     return index
 
 
-def plot_fit(result, path=None, forecast=None, level=0.95, title=None):
-    """Data with the smoothed level/trend (or signal) and its band, one panel
-    per further component (seasonal, cycles, autoregressions, irregular),
-    and the forecasts with their interval when given. Saves a PNG to
-    ``path`` when given; returns the figure."""
+def _legend(ax):
+    ax.legend(loc="upper left", bbox_to_anchor=(1.01, 1.0), fontsize=8, frameon=False)
+    ax.grid(alpha=0.3)
+
+
+def plot_fit(result, path=None, forecast=None, level=0.95, title=None, x=None, fx=None):
+    """Data with the smoothed level/trend plus regression effects (or the
+    signal) and its band, one panel per further component (regression
+    effect, seasonal, cycles, autoregressions, irregular), and the
+    forecasts with their interval when given. ``x`` / ``fx``: x values of
+    the data and of the forecasts (default: the data's index and the
+    forecasts' index, or positions). Saves a PNG to ``path`` when given;
+    returns the figure."""
     plt = _pyplot()
-    comps = result.components(level=level) if "components" in result.model.info else None
+    cols = result.component_columns(level=level)
     y = np.asarray(result.data.values[0])
-    x = _x(result.data.index, y.size)
+    x = _x(result.data.index, y.size) if x is None else x
     layout = result.model.info.get("components", [])
-    main = None
-    for name, _, _, comp in layout:
-        if comp.name in ("level", "trend"):
-            main = name
-    extra = [name for name, _, _, comp in layout if name != main]
-    panels = 1 + len(extra)
-    fig, axes = plt.subplots(panels, 1, figsize=(10.5, 3.4 + 2.3 * (panels - 1)), sharex=False,
+    main = next((name for name, _, _, comp in layout if comp.name in ("level", "trend")), None)
+    extra = (["regression"] if "regression" in cols else []) + \
+        [name for name, _, _, _ in layout if name != main]
+    fig, axes = plt.subplots(1 + len(extra), 1, figsize=(10.5, 3.4 + 2.3 * len(extra)),
                              squeeze=False)
     axes = axes[:, 0]
     ax = axes[0]
     ax.plot(x, y, "o", ms=3, color="0.35", label="data")
     pct = int(round(level * 100))
-    if comps is not None:
-        key = main if main is not None else "signal"
-        lbl = f"smoothed {key}"
-        ax.plot(x, comps[key].to_numpy(), color="C0", lw=1.8, label=lbl)
-        lo, up = comps[f"{key}.lower"].to_numpy(), comps[f"{key}.upper"].to_numpy()
-        if np.all(np.isfinite(lo)):
-            ax.fill_between(x, lo, up, color="C0", alpha=0.25, label=f"{pct}% band")
-    else:
-        sm = result.smoothed()
-        sig = np.asarray(sm.signal)[:, 0]
-        sd = np.sqrt(np.clip(np.asarray(sm.signal_var)[:, 0], 0, None))
-        from scipy import stats
-        z = stats.norm.ppf(0.5 + level / 2)
-        ax.plot(x, sig, color="C0", lw=1.8, label="smoothed signal")
-        ax.fill_between(x, sig - z * sd, sig + z * sd, color="C0", alpha=0.25, label=f"{pct}% band")
+    key = main if main is not None else "signal"
+    line, lo, up = (cols[key + s] for s in ("", ".lower", ".upper"))
+    label = f"smoothed {key}"
+    if main is not None and "regression" in cols:
+        # the level alone sits off the data by the regression effect
+        line, lo, up = (v + cols["regression"] for v in (line, lo, up))
+        label += " + regression"
+    ax.plot(x, line, color="C0", lw=1.8, label=label)
+    if np.all(np.isfinite(lo)):
+        ax.fill_between(x, lo, up, color="C0", alpha=0.25, label=f"{pct}% band")
     if forecast is not None:
-        fx = _x(getattr(forecast.mean, "index", None), len(np.asarray(forecast.mean)))
-        if getattr(forecast.mean, "index", None) is None:
-            fx = np.arange(y.size, y.size + len(np.asarray(forecast.mean)))
+        n_f = len(np.asarray(forecast.mean))
+        if fx is None:
+            fx = getattr(forecast.mean, "index", None)
+            fx = _x(fx, 0) if fx is not None else np.arange(y.size, y.size + n_f)
         ax.plot(fx, np.asarray(forecast.mean), color="C3", lw=1.8, label="forecast")
         ax.fill_between(fx, np.asarray(forecast.lower), np.asarray(forecast.upper), color="C3",
                         alpha=0.2, label=f"{int(round(forecast.level * 100))}% interval")
     name = result.data.columns[0]
     ax.set_ylabel(str(name))
     ax.set_title(title or f"{name}: {result.label}")
-    ax.legend(loc="upper left", bbox_to_anchor=(1.01, 1.0), fontsize=8, frameon=False)
-    ax.grid(alpha=0.3)
-    for ax, key in zip(axes[1:], extra):
-        v = comps[key].to_numpy()
-        ax.plot(x, v, color="C2", lw=1.2, label=f"smoothed {key}")
-        lo, up = comps[f"{key}.lower"].to_numpy(), comps[f"{key}.upper"].to_numpy()
+    _legend(ax)
+    for ax, k in zip(axes[1:], extra):
+        ax.plot(x, cols[k], color="C2", lw=1.2, label=f"smoothed {k}")
+        lo, up = cols[f"{k}.lower"], cols[f"{k}.upper"]
         if np.all(np.isfinite(lo)):
             ax.fill_between(x, lo, up, color="C2", alpha=0.25, label=f"{pct}% band")
         ax.axhline(0.0, color="0.5", lw=0.8)
-        ax.set_ylabel(key)
-        ax.legend(loc="upper left", bbox_to_anchor=(1.01, 1.0), fontsize=8, frameon=False)
-        ax.grid(alpha=0.3)
+        ax.set_ylabel(k)
+        _legend(ax)
     idxname = getattr(result.data.index, "name", None)
     axes[-1].set_xlabel(str(idxname) if idxname else "time")
     fig.tight_layout()
@@ -115,8 +112,62 @@ def plot_forecast(result, forecast, path=None, history=None):
                     alpha=0.2, label=f"{int(round(forecast.level * 100))}% interval")
     ax.set_ylabel(str(result.data.columns[0]))
     ax.set_title(f"{result.data.columns[0]}: forecasts, {result.label}")
-    ax.legend(loc="upper left", bbox_to_anchor=(1.01, 1.0), fontsize=8, frameon=False)
+    _legend(ax)
+    fig.tight_layout()
+    if path is not None:
+        fig.savefig(path, dpi=110)
+    return fig
+
+
+def plot_diagnostics(result, path=None, x=None, lags=None):
+    """Four panels of the standardised one-step innovations (the first d
+    observed values left out): the residuals over time, their
+    autocorrelations with the +-1.96/sqrt(n) band, a histogram with the
+    standard normal density, and a normal QQ plot. Saves a PNG to ``path``
+    when given; returns the figure."""
+    from .diagnostics import acf, normal_quantile
+    plt = _pyplot()
+    e = np.asarray(result.diagnostics().residuals, dtype=float)
+    x = _x(result.data.index, e.size) if x is None else x
+    ee = e[~np.isnan(e)]
+    n = ee.size
+    lags = lags or max(1, min(24, n // 4))
+    fig, axes = plt.subplots(2, 2, figsize=(10.5, 6.8))
+    ax = axes[0, 0]
+    ax.plot(x, e, color="C0", lw=0.9)
+    ax.axhline(0, color="0.5", lw=0.8)
+    for s in (-2, 2):
+        ax.axhline(s, color="C3", lw=0.8, ls="--")
+    ax.set_title("standardised residuals")
     ax.grid(alpha=0.3)
+    ax = axes[0, 1]
+    r = acf(ee, lags)
+    ax.vlines(np.arange(1, lags + 1), 0, r, color="C0", lw=2)
+    ax.axhline(0, color="0.5", lw=0.8)
+    band = 1.96 / np.sqrt(n)
+    ax.axhspan(-band, band, color="C0", alpha=0.15)
+    ax.set_title("autocorrelations")
+    ax.set_xlabel("lag")
+    ax.grid(alpha=0.3)
+    ax = axes[1, 0]
+    ax.hist(ee, bins=max(8, int(np.sqrt(n))), density=True, color="C0", alpha=0.6,
+            label="residuals")
+    grid = np.linspace(min(-4.0, ee.min()), max(4.0, ee.max()), 200)
+    ax.plot(grid, np.exp(-grid ** 2 / 2) / np.sqrt(2 * np.pi), color="C3", lw=1.5,
+            label="N(0, 1)")
+    ax.set_title("histogram")
+    ax.legend(fontsize=8, frameon=False)
+    ax.grid(alpha=0.3)
+    ax = axes[1, 1]
+    q = np.array([normal_quantile((i + 0.5) / n) for i in range(n)])
+    ax.plot(q, np.sort(ee), "o", ms=3, color="C0")
+    lim = [min(q[0], ee.min()), max(q[-1], ee.max())]
+    ax.plot(lim, lim, color="C3", lw=1)
+    ax.set_title("normal QQ plot")
+    ax.set_xlabel("normal quantiles")
+    ax.set_ylabel("ordered residuals")
+    ax.grid(alpha=0.3)
+    fig.suptitle(f"{result.data.columns[0]}: {result.label}, residual diagnostics")
     fig.tight_layout()
     if path is not None:
         fig.savefig(path, dpi=110)
