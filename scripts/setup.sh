@@ -15,7 +15,7 @@ BUILD=${TESSEL_BUILD_DIR:-$ROOT/build}
 PACKAGES=(build-essential cmake g++ binutils pkg-config
           libgtest-dev libgmock-dev libbenchmark-dev
           python3 python3-dev python3-numpy python3-scipy python3-pandas
-          python3-matplotlib python3-statsmodels python3-pytest
+          python3-matplotlib python3-statsmodels python3-pytest python3-jsonschema
           pybind11-dev python3-pybind11)
 
 missing=()

@@ -18,41 +18,46 @@ The compiled module ``_tessel`` must be importable (it is built into
 ``<build>/lib``; scripts/setup.sh puts that folder on ``sys.path``).
 """
 
-from ._lowlevel import (
-    EMPTY,
-    Ref,
-    ZuError,
-    ZuMessage,
-    call,
-    capture_messages,
-    set_seed,
-    version,
-)
+import importlib
+import importlib.util
 
-from .model import Model, ModelError, NumericalError
-from .components import (
-    AR1, AR2, ButterworthCycle, Component, Cycle, DummySeasonal, Irregular, Level, Slope,
-    SumSeasonal, Trend, TrigSeasonal, add_regression, arma, regression, spline, structural,
-)
-from .analysis import (
-    conditional_density, disturbances, filtered, kalman_filter, loglik, loglik_concentrated,
-    predicted, recursion, score, simulate, simulation_smoother, smoothed, weights,
-)
-from .estimation import ARMA, FitResult, Forecast, extend_index, fit
-from .data import load_example
+if importlib.util.find_spec("_tessel") is None:
+    raise ImportError("the Tessel extension is not built: run scripts/setup.sh (the compiled "
+                      "module _tessel is not on sys.path)")
+
+# Names are loaded from their modules on first use (PEP 562), so that the
+# command's --help and a fit without a plot load only what they need.
+_HOMES = {
+    "._lowlevel": ("EMPTY", "Ref", "ZuError", "ZuMessage", "call", "capture_messages",
+                   "set_seed", "version"),
+    ".model": ("Model", "ModelError", "NumericalError"),
+    ".components": ("AR1", "AR2", "ButterworthCycle", "Component", "Cycle", "DummySeasonal",
+                    "Irregular", "Level", "Slope", "SumSeasonal", "Trend", "TrigSeasonal",
+                    "add_regression", "arma", "regression", "spline", "structural"),
+    ".analysis": ("conditional_density", "disturbances", "filtered", "kalman_filter",
+                  "loglik", "loglik_concentrated", "predicted", "recursion", "score",
+                  "simulate", "simulation_smoother", "smoothed", "weights"),
+    ".sarima": ("ARMA", "SARIMA"),
+    ".fitting": ("ConvergenceWarning", "Likelihood", "fit"),
+    ".results": ("FitResult", "Forecast", "extend_index"),
+    ".data": ("load_example", "read_series"),
+}
+_HOME = {name: module for module, names in _HOMES.items() for name in names}
+
+
+def __getattr__(name):
+    module = _HOME.get(name)
+    if module is None:
+        raise AttributeError(f"module 'tessel' has no attribute {name!r}")
+    value = getattr(importlib.import_module(module, __name__), name)
+    globals()[name] = value
+    return value
+
+
+def __dir__():
+    return sorted(set(globals()) | set(_HOME))
+
 
 __version__ = "3.0.0"
 
-__all__ = [
-    # by-name call
-    "EMPTY", "Ref", "ZuError", "ZuMessage", "call", "capture_messages", "set_seed", "version",
-    # idiomatic API
-    "Model", "ModelError", "NumericalError",
-    "AR1", "AR2", "ButterworthCycle", "Component", "Cycle", "DummySeasonal", "Irregular",
-    "Level", "Slope", "SumSeasonal", "Trend", "TrigSeasonal",
-    "add_regression", "arma", "regression", "spline", "structural",
-    "conditional_density", "disturbances", "filtered", "kalman_filter", "loglik",
-    "loglik_concentrated", "predicted", "recursion", "score", "simulate",
-    "simulation_smoother", "smoothed", "weights",
-    "ARMA", "FitResult", "Forecast", "extend_index", "fit", "load_example",
-]
+__all__ = [name for names in _HOMES.values() for name in names]
