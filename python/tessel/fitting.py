@@ -41,6 +41,7 @@ from .model import Model, ModelError
 from .sarima import SARIMA, coef_to_pacf, multiply, pacf_to_coef
 
 _tessel_call = _tessel.call
+_INF, _NEG_INF = math.inf, -math.inf
 
 __all__ = ["ConvergenceWarning", "Likelihood", "fit"]
 
@@ -230,17 +231,19 @@ class _Structural:
             pos = np.flatnonzero(w)
             few = [(int(q), float(w[q])) for q in pos] if pos.size <= 4 else None
             self.writers.append((int(i), few, pos, w[pos]))
+        self._e = [0.0] * len(self.writers)      # sigma^2 of each, as last written
 
     def write(self, lik, theta):
         var = lik.var_flat
-        for i, few, pos, coef in self.writers:
-            e = math.exp(2.0 * theta[i])
+        t = theta.tolist()
+        es = self._e
+        for k, (i, few, pos, coef) in enumerate(self.writers):
+            e = es[k] = math.exp(2.0 * t[i])
             if few is not None:
                 for q, c in few:
                     var[q] = c * e
             else:
                 var[pos] = coef * e
-        self._theta = theta
         if self.blocks:
             comps = self.components(theta, lik.unit)
             for j, (start, size) in self.blocks:
@@ -260,16 +263,14 @@ class _Structural:
         """The analytic elements of the gradient from the score matrix S at
         the theta last written: d loglik / d theta_i = sigma_i^2 tr(S B_i)."""
         Sf = S.reshape(-1)
-        theta = self._theta
-        for i, few, pos, coef in self.writers:
+        for (i, few, pos, coef), e in zip(self.writers, self._e):
             if few is not None:
                 acc = 0.0
                 for q, c in few:
-                    acc += c * Sf[q]
+                    acc += c * float(Sf[q])
             else:
                 acc = float(coef @ Sf[pos])
-            g[i] = acc * math.exp(2.0 * theta[i])
-
+            g[i] = acc * e
 
     def values(self, theta):
         return np.array([p.natural(t) for p, t in zip(self.params, theta)])
@@ -584,6 +585,7 @@ class Likelihood:
         analytic[self.form.an_index] = True
         self._numeric = [int(k) for k in np.flatnonzero(~analytic)]
         self._an_index = self.form.an_index if self.form.an_index.size else None
+        self._messages = []
         self._refs = {2: ([None, None], [0, 1] + [-1] * len(args)),
                       3: ([None, None, None], [0, 1, 2] + [-1] * len(args))}
 
@@ -593,11 +595,13 @@ class Likelihood:
         log-likelihood here); returns (status, reference values)."""
         targets, slots = self._refs[nref]
         stack = _capture_stack()
-        stack.append([])
+        stack.append(self._messages)
         try:
             return _tessel_call(name, values, targets, slots)
         finally:
             stack.pop()
+            if self._messages:
+                del self._messages[:]
 
     def _write(self, theta):
         try:
@@ -610,10 +614,10 @@ class Likelihood:
         """Log-likelihood at theta; -inf where the library cannot evaluate
         it (a singular innovation variance, a non-stationary AR part)."""
         if not self._write(theta):
-            return -math.inf
+            return _NEG_INF
         ok, w = self._call("LgmLik", self._ll_args, 2)
         ll = w[0]
-        return ll + self._ll_shift if ok == 1 and -math.inf < ll < math.inf else -math.inf
+        return ll + self._ll_shift if ok == 1 and _NEG_INF < ll < _INF else _NEG_INF
 
     def loglik_grad(self, theta, step=1e-3):
         """(log-likelihood, gradient in theta); (-inf, zeros) where the
@@ -621,17 +625,16 @@ class Likelihood:
         theta = np.asarray(theta, dtype=float)
         g = np.zeros(theta.size)
         if not self._write(theta):
-            return -math.inf, g
-        ai = self._an_index
-        if ai is not None:
+            return _NEG_INF, g
+        if self._an_index is not None:
             ok, w = self._call("LgmLikSco", self._sco_args, 3)
             if ok == 1:
                 self.form.gradient(w[2], g)
         else:
             ok, w = self._call("LgmLik", self._ll_args, 2)
         ll = w[0]
-        if ok != 1 or not -math.inf < ll < math.inf:
-            return -math.inf, g
+        if ok != 1 or not _NEG_INF < ll < _INF:
+            return _NEG_INF, g
         if self._numeric:
             for k in self._numeric:
                 h = step * max(1.0, abs(theta[k]))
