@@ -23,8 +23,15 @@ of a polynomial are fixed, its free coefficients directly.
 Gradient: for variances that enter only ``var`` linearly (level, slope,
 trend, seasonals, irregular) it is analytic, from the score matrix S of
 ``LgmLikSco``: d loglik / d sigma^2 = tr(S B) / 2 with B = d var / d sigma^2,
-so d / d theta = sigma^2 tr(S B). The other parameters (they also enter the
-transition or the initial variance) get central differences.
+so d / d theta = sigma^2 tr(S B); for the variance of a SARIMA, which
+scales every variance, it follows from LgmLik's mean squared standardised
+innovation. The other parameters (they also enter the transition or the
+initial variance) get central differences.
+
+The optimiser (a projected BFGS, then Newton steps) stops where it stops;
+whether that is a maximum is judged afterwards from central first and
+second differences of the log-likelihood (see :func:`_judge`), which also
+give the standard errors.
 """
 
 import math
@@ -193,9 +200,13 @@ class _Structural:
     def base_model(self, theta, unit=1.0):
         return C.structural(self.components(theta, unit))
 
-    @property
-    def absorbs_constant(self):
-        return any(isinstance(c, (C.Level, C.Trend)) for c in self.comps)
+    def fixed_diffuse_states(self, model):
+        """States of the components whose dynamics no parameter changes
+        (level, slope, trend, seasonals): diffuse, so that every path
+        Z T^t a they generate is absorbed by the likelihood."""
+        keep = (C.Level, C.Slope, C.Trend, C._Seasonal)
+        return [i for _, start, size, comp in model.info["components"] if isinstance(comp, keep)
+                for i in range(start, start + size)]
 
     def effects(self):
         return []
@@ -407,13 +418,16 @@ class _Sarima:
     def effects(self):
         return [("const", self.spec.r)] if self.spec.constant else []
 
-    @property
-    def absorbs_constant(self):
-        return self.spec.r > 0 or self.spec.constant
+    def fixed_diffuse_states(self, model):
+        """The difference states and the constant."""
+        return list(range(self.spec.r + int(self.spec.constant)))
 
     def prepare(self, lik, theta):
         self.an_index = np.zeros(0, dtype=int)
         self.patterns = np.zeros((0, (lik.m + 1) ** 2))
+        # sigma^2 scales every variance: d loglik / d log sigma = (nobs - d) (s - 1)
+        # with s the mean squared standardised innovation that LgmLik returns
+        self.scale_index = len(self.params) - 1 if self.free[-1] else None
         a = lik.k_reg + self.a
         self.block = slice(a, a + self.spec.arma_states)
 
@@ -522,16 +536,65 @@ class Likelihood:
             if p.kind == "var":
                 p.lo, p.hi = math.log(self.scale) - 12.0, math.log(self.scale) + 6.0
         self.bounds = [(p.lo, p.hi) for p in self.params]
-        # The library sees the data centred (where a diffuse level or
-        # difference absorbs a constant) and divided by their standard
-        # deviation, so that its large variance for diffuse elements is
-        # large relative to the model's variances whatever the units;
-        # log-likelihoods are converted back.
-        self.shift = float(np.mean(obs)) if self.form.absorbs_constant else 0.0
-        self.unit = float(np.std(obs - self.shift)) or 1.0 if self.form.absorbs_constant \
-            else float(np.sqrt(np.mean(obs ** 2))) or 1.0
+        self.path, self.unit = self._standardisation()
         self.model0 = self.model(self.start, unit=self.unit)
         self._prepare()
+        if isinstance(structure, SARIMA) and structure.r and obs.size == data.n:
+            self._differenced(structure, fixed)
+
+    def _standardisation(self):
+        """(path, unit): the library sees (y - path) / unit. The path is the
+        least-squares fit to the data of the paths that the diffuse states
+        of fixed dynamics (and the regressors) generate, Z T^t a + x(t)' b,
+        which the likelihood absorbs whatever a and b; unit is the standard
+        deviation of the rest's changes. So the data the library sees are
+        of the order of the model's variances, and its large variance for
+        diffuse elements is large against them whatever the units or the
+        level of the data; log-likelihoods are converted back."""
+        y = self.data.values[0]
+        base = self.form.base_model(self.start)
+        states = self.form.fixed_diffuse_states(base)
+        if base.init is not None:
+            states = [i for i in states if base.init[i, i] < 0]
+        cols = []
+        if states:
+            T, v = base.T, base.Z[0].copy()
+            rows = np.empty((y.size, base.m))
+            for t in range(y.size):
+                rows[t] = v
+                v = v @ T
+            cols.append(rows[:, states])
+        if self.user_exog is not None:
+            cols.append(self.user_exog)
+        path = np.zeros(y.size)
+        obs = ~np.isnan(y)
+        if cols:
+            G = np.hstack(cols)
+            coef = np.linalg.lstsq(G[obs], y[obs], rcond=None)[0]
+            path = G @ coef
+        rest = (y - path)[obs]
+        unit = float(np.std(np.diff(rest))) if rest.size > 2 else 0.0
+        return path, (unit or float(np.sqrt(np.mean(rest ** 2))) or 1.0)
+
+    def _differenced(self, spec, fixed):
+        """Evaluate on the differenced series: with no value missing, the
+        likelihood with diffuse difference states is the likelihood of the
+        ARMA model (constant and regressors differenced too) of
+        w(t) = (1-L)^d (1-L^s)^D y(t), t >= r -- the same parameters, r
+        fewer states, and no large variance for the differences."""
+        arma = SARIMA((spec.p, 0, spec.q), (spec.P, 0, spec.Q, spec.s if spec.P + spec.Q else 0),
+                      spec.constant)
+        delta = spec.difference_polynomial()
+        r = spec.r
+
+        def diff(x):
+            return x[r:] - sum(c * x[r - i - 1:x.shape[0] - i - 1] for i, c in enumerate(delta))
+        X = None if self.user_exog is None else diff(self.user_exog)
+        inner = Likelihood(diff(self.data.values[0]), arma, X, fixed)
+        self.params, self.start, self.bounds = inner.params, inner.start, inner.bounds
+        self.loglik, self.loglik_grad = inner.loglik, inner.loglik_grad
+        self.derivatives = inner.derivatives
+        self._inner = inner
 
     def form_names(self):
         return [p.name for p in self.form.params] + sorted(self.form.fixed_used)
@@ -570,7 +633,7 @@ class Likelihood:
         while tail and tail[-1] is None:
             tail.pop()
         empty = np.empty((0, 0))
-        yv = (self.data.values - self.shift) / self.unit
+        yv = (self.data.values - self.path) / self.unit
         args = [yv, self.sys, self.var, self.init] + \
                [empty if x is None else x for x in tail]
         self._ll_args = [None, None] + args
@@ -583,6 +646,9 @@ class Likelihood:
         self.form.prepare(self, self.start)
         analytic = np.zeros(len(self.params), dtype=bool)
         analytic[self.form.an_index] = True
+        self._scale_index = getattr(self.form, "scale_index", None)
+        if self._scale_index is not None:
+            analytic[self._scale_index] = True
         self._numeric = [int(k) for k in np.flatnonzero(~analytic)]
         self._an_index = self.form.an_index if self.form.an_index.size else None
         self._messages = []
@@ -635,6 +701,8 @@ class Likelihood:
         ll = w[0]
         if ok != 1 or not _NEG_INF < ll < _INF:
             return _NEG_INF, g
+        if self._scale_index is not None:
+            g[self._scale_index] = (self.nobs - self.d) * (w[1] - 1.0)
         if self._numeric:
             for k in self._numeric:
                 h = step * max(1.0, abs(theta[k]))
@@ -699,19 +767,29 @@ class Likelihood:
             J[:, j] = (self.values(tp) - self.values(tm)) / (2 * step)
         return J
 
-    def hessian(self, theta):
-        """Hessian of the log-likelihood in theta: central differences of
-        the gradient, symmetrised."""
+    def derivatives(self, theta):
+        """(log-likelihood, gradient, Hessian) at theta from central first
+        and second differences of the log-likelihood itself (step 1e-3
+        max(1, |theta|)): consistent with the value whatever the accuracy
+        of the score, for judging convergence and for standard errors."""
         theta = np.asarray(theta, dtype=float)
         k = theta.size
         H = np.zeros((k, k))
-        for j in range(k):
-            h = 1e-3 * max(1.0, abs(theta[j]))
-            tp, tm = theta.copy(), theta.copy()
-            tp[j] += h
-            tm[j] -= h
-            H[:, j] = (self.loglik_grad(tp)[1] - self.loglik_grad(tm)[1]) / (2 * h)
-        return (H + H.T) / 2
+        g = np.zeros(k)
+        h = 1e-3 * np.maximum(1.0, np.abs(theta))
+        E = np.diag(h)
+        f0 = self.loglik(theta)
+        for i in range(k):
+            fp, fm = self.loglik(theta + E[i]), self.loglik(theta - E[i])
+            g[i] = (fp - fm) / (2 * h[i])
+            H[i, i] = (fp - 2 * f0 + fm) / h[i] ** 2
+            for j in range(i):
+                H[i, j] = H[j, i] = (self.loglik(theta + E[i] + E[j]) -
+                                     self.loglik(theta + E[i] - E[j]) -
+                                     self.loglik(theta - E[i] + E[j]) +
+                                     self.loglik(theta - E[i] - E[j])) / (4 * h[i] * h[j])
+        self.loglik(theta)                         # leave the prepared arrays at theta
+        return f0, g, H
 
 
 # -------------------------------------------------------------- optimiser
@@ -731,7 +809,7 @@ def minimize_bounded(fg, x0, lo, hi, maxiter=500, ftol=1e-9, gtol=1e-7, callback
     backtracking (Armijo) search along the path projected onto the box,
     and the BFGS update of the inverse Hessian when the curvature is
     positive. ``fg(x)`` returns (f, gradient). Stops when the projected
-    gradient is below gtol, when a step reduces f by less than
+    gradient is below gtol, when three steps in a row reduce f by less than
     ftol * max(|f|, 1), after maxiter iterations, or when the search finds
     no decrease. (Here rather than scipy's L-BFGS-B so that a fit does not
     load scipy.optimize.)"""
@@ -739,7 +817,7 @@ def minimize_bounded(fg, x0, lo, hi, maxiter=500, ftol=1e-9, gtol=1e-7, callback
     f, g = fg(x)
     n = x.size
     H = np.eye(n) / max(1.0, float(np.max(np.abs(g))) if n else 1.0)
-    scaled = False
+    scaled, small = False, 0
     for it in range(1, maxiter + 1):
         held = ((x <= lo) & (g > 0)) | ((x >= hi) & (g < 0))
         pg = np.where(held, 0.0, g)
@@ -774,12 +852,12 @@ def minimize_bounded(fg, x0, lo, hi, maxiter=500, ftol=1e-9, gtol=1e-7, callback
             Hy = H @ yv
             H += (rho + rho * rho * float(yv @ Hy)) * np.outer(s, s) - \
                 rho * (np.outer(Hy, s) + np.outer(s, Hy))
-        reduction = f - fn
+        small = small + 1 if f - fn <= ftol * max(abs(fn), 1.0) else 0
         x, f, g = xn, fn, gn
         if callback is not None:
             callback(x)
-        if reduction <= ftol * max(abs(f), 1.0):
-            return _Optimum(x, f, True, "relative reduction of f below ftol", it)
+        if small == 3:
+            return _Optimum(x, f, True, "relative reduction of f below ftol three times", it)
     return _Optimum(x, f, False, "iteration limit reached", maxiter)
 
 
@@ -859,6 +937,34 @@ def _judge(lik, theta, ll, g, H, bounds):
     else:
         ok = gmax < 1e-3 * max(1.0, math.sqrt(lik.nobs))
     return ok, at_bound, (gain if free.any() else 0.0), gmax
+
+
+def _polish(lik, theta, lo, hi, bounds, steps=6):
+    """Newton steps from where the optimiser stopped, while the point is
+    not judged a maximum: the step -H^-1 g over the parameters not at a
+    bound, halved until the log-likelihood rises. Returns (theta, loglik,
+    gradient, Hessian, judgement, Newton steps taken)."""
+    for step in range(steps + 1):
+        ll, g, H = lik.derivatives(theta)
+        verdict = _judge(lik, theta, ll, g, H, bounds)
+        if verdict[0] or step == steps:
+            break
+        free = ~verdict[1]
+        try:
+            d = np.zeros(theta.size)
+            d[free] = np.linalg.solve(-H[np.ix_(free, free)], g[free])
+        except np.linalg.LinAlgError:
+            break
+        t = 1.0
+        while t > 1e-3:
+            cand = np.clip(theta + t * d, lo, hi)
+            if lik.loglik(cand) > ll:
+                theta = cand
+                break
+            t /= 2
+        else:
+            break
+    return theta, ll, g, H, verdict, step
 
 
 def _covariance(H, at_bound):
@@ -990,10 +1096,10 @@ def fit(y, structure, exog=None, *, fixed=None, start=None, cycle_periods=None, 
         if best is None or ll > best[0]:
             best = (ll, res)
     ll, res = best
-    theta = np.asarray(res.x, dtype=float)
-    ll, g = lik.loglik_grad(theta)
-    H = lik.hessian(theta)
-    converged, at_bound, gain, gmax = _judge(lik, theta, ll, g, H, bounds)
+    theta, ll, g, H, (converged, at_bound, gain, gmax), newton = \
+        _polish(lik, np.asarray(res.x, dtype=float), lo, hi, bounds,
+                steps=max(0, min(6, int(maxiter) - res.nit)))
+    state["it"] += newton
     cov = _covariance(H, at_bound)
     notes = lik.form.edge_notes(theta)
     convergence = {"converged": bool(converged), "optimizer_success": bool(res.success),
