@@ -230,35 +230,36 @@ class _Output:
 
 
 def _load(args, path):
-    """(series name, values, index, exog array, exog names, future exog,
-    notes) from the CSV file and the column options."""
+    """(series names, values (n, or n x N), index, exog array, exog names,
+    future exog, notes) from the CSV file and the column options."""
     import numpy as np
     from .data import pick_column, read_csv
     data = read_csv(path)
-    if args.columns:
-        raise UsageError("--columns: models of several series are not available in the command "
-                         "yet; fit one --column at a time")
-    name = pick_column(data, args.column)
-    y = data.column(name).copy()
+    names = _columns(args.columns, "--columns") or [pick_column(data, args.column)]
+    if len(set(names)) < len(names):
+        raise UsageError("--columns: a column is named twice")
+    Y = np.column_stack([data.column(c) for c in names])
     notes = list(data.notes)
     index = data.index
     xnames = _columns(args.exog, "--exog")
+    if xnames and len(names) > 1:
+        raise UsageError("--exog: regressors go with one series (--column), not --columns")
     for c in xnames:
-        if c == name:
+        if c in names:
             raise UsageError(f"--exog: {c!r} is the series itself")
     X = np.column_stack([data.column(c) for c in xnames]) if xnames else None
-    observed = np.flatnonzero(~np.isnan(y))
-    if observed.size == 0:
-        raise Failure(f"{path}: column {name!r} has no values")
+    for j, name in enumerate(names):
+        if np.all(np.isnan(Y[:, j])):
+            raise Failure(f"{path}: column {name!r} has no values")
     future = None
     if X is not None:
         # rows after the last observation hold the regressors' future values
-        last = int(observed[-1]) + 1
+        last = int(np.flatnonzero(~np.isnan(Y[:, 0]))[-1]) + 1
         X, future = X[:last], X[last:]
         if future.shape[0]:
-            notes.append(f"{future.shape[0]} rows after the last observation of {name!r} hold "
-                         "future values of the regressors")
-        y, index = y[:last], _head(index, last)
+            notes.append(f"{future.shape[0]} rows after the last observation of {names[0]!r} "
+                         "hold future values of the regressors")
+        Y, index = Y[:last], _head(index, last)
         bad = np.argwhere(np.isnan(X))
         if bad.size:
             t, j = bad[0]
@@ -266,13 +267,13 @@ def _load(args, path):
                           f"{index.labels()[t]}: regressors need a value at every time point "
                           "(fill it in, or drop the regressor)")
     if args.log:
-        obs = y[~np.isnan(y)]
-        if np.any(obs <= 0):
-            t = int(np.flatnonzero(~np.isnan(y) & (np.nan_to_num(y, nan=1.0) <= 0))[0])
-            raise Failure(f"--log: {name!r} is {y[t]:g} at {index.labels()[t]}: the logarithm "
-                          "needs positive values (drop --log, or shift the series)")
-        y = np.log(y)
-    return name, y, index, X, xnames, future, notes
+        bad = np.argwhere(~np.isnan(Y) & (np.nan_to_num(Y, nan=1.0) <= 0))
+        if bad.size:
+            t, j = bad[0]
+            raise Failure(f"--log: {names[j]!r} is {Y[t, j]:g} at {index.labels()[t]}: the "
+                          "logarithm needs positive values (drop --log, or shift the series)")
+        Y = np.log(Y)
+    return names, (Y[:, 0] if len(names) == 1 else Y), index, X, xnames, future, notes
 
 
 def _head(index, n):
@@ -283,8 +284,10 @@ def _head(index, n):
 def run_fit(args, path, structure, title=None):
     """Fit, print the report, write the files; returns the FitResult."""
     import warnings
+    import numpy as np
     import tessel
-    name, y, index, X, xnames, future, notes = _load(args, path)
+    names, y, index, X, xnames, future, notes = _load(args, path)
+    name = ", ".join(names)
     if args.forecast and X is not None and future.shape[0] < args.forecast:
         raise Failure(f"--forecast {args.forecast}: the regressors {', '.join(xnames)} have "
                       f"{future.shape[0]} future values; add {args.forecast} rows after the "
@@ -300,7 +303,7 @@ def run_fit(args, path, structure, title=None):
     with warnings.catch_warnings(record=True) as caught:
         warnings.simplefilter("always", tessel.ConvergenceWarning)
         try:
-            res = tessel.fit(y, structure, exog=X, fixed=fixed, start=start,
+            res = tessel.fit(y, structure, exog=X, fixed=fixed, start=start, names=names,
                              cycle_periods=periods, progress=None if quiet else _progress)
         except tessel.ModelError as err:
             text = str(err)
@@ -308,10 +311,9 @@ def run_fit(args, path, structure, title=None):
                 raise UsageError(text.replace("fit: fixed", "--fix:", 1)
                                  .replace("fit: start", "--start:", 1)) from None
             raise
-    res.data.columns = [name]
     if xnames:
         res.likelihood.exog_names = xnames
-    res.notes = notes + ([f"logarithm of {name!r}"] if args.log else [])
+    res.notes = notes + ([f"logarithm of {', '.join(map(repr, names))}"] if args.log else [])
     problems = [str(w.message) for w in caught if issubclass(w.category, tessel.ConvergenceWarning)]
     for text in problems:
         print(f"tessel: warning: {text}", file=sys.stderr)
@@ -338,9 +340,13 @@ def run_fit(args, path, structure, title=None):
             print("")
             print(f"  Forecasts ({int(round(fc.level * 100))}% intervals):")
             labels = index.extend(args.forecast).labels()
-            print(f"  {'':<12}{'forecast':>14}{'lower':>14}{'upper':>14}")
-            for lab, m, lo, up in zip(labels, fc.mean, fc.lower, fc.upper):
-                print(f"  {lab:<12}{m:14.6g}{lo:14.6g}{up:14.6g}")
+            parts = [np.asarray(a).reshape(args.forecast, -1) for a in (fc.mean, fc.lower,
+                                                                      fc.upper)]
+            for j, series in enumerate(names):
+                print(f"  {series if len(names) > 1 else '':<12}{'forecast':>14}{'lower':>14}"
+                      f"{'upper':>14}")
+                for t, lab in enumerate(labels):
+                    print(f"  {lab:<12}" + "".join(f"{a[t, j]:14.6g}" for a in parts))
         print("")
         print(f"  written to {out.out}/: {', '.join(out.files)}")
     return res
@@ -379,12 +385,17 @@ def _write_outputs(out, res, index, fc, summary, args):
     (out.path("summary.txt")).write_text(summary + "\n")
     out.path("results.json").write_text(res.to_json(indent=2) + "\n")
     if fc is not None:
-        header = [time_name, "forecast", "lower", "upper", "variance"]
-        series = [np.asarray(fc.mean), np.asarray(fc.lower), np.asarray(fc.upper),
-                  np.asarray(fc.var)]
-        if args.log:
-            header += ["exp.forecast", "exp.lower", "exp.upper"]
-            series += [np.exp(series[0]), np.exp(series[1]), np.exp(series[2])]
+        names = res.series
+        tags = [""] if len(names) == 1 else [f".{s}" for s in names]
+        header, series = [time_name], []
+        for j, tag in enumerate(tags):
+            part = [np.asarray(a).reshape(args.forecast, -1)[:, j]
+                    for a in (fc.mean, fc.lower, fc.upper, fc.var)]
+            header += [f"{k}{tag}" for k in ("forecast", "lower", "upper", "variance")]
+            series += part
+            if args.log:
+                header += [f"exp.{k}{tag}" for k in ("forecast", "lower", "upper")]
+                series += [np.exp(part[0]), np.exp(part[1]), np.exp(part[2])]
         ext = index.extend(args.forecast).labels()
         _write_csv(out.path("forecast.csv"), header,
                    [[lab] + [float(s[t]) for s in series] for t, lab in enumerate(ext)])
@@ -482,8 +493,8 @@ def build_parser():
                           "sarima=0,1,1,0,1,1,12")
     fit.add_argument("--column", "-c", metavar="NAME", help="column holding the series "
                      "(default: the last numeric column)")
-    fit.add_argument("--columns", metavar="A,B", help="several series for one model "
-                     "(not available yet)")
+    fit.add_argument("--columns", metavar="A,B", help="several series for one structural "
+                     "model with correlated disturbances (a covariance matrix per component)")
     fit.add_argument("--exog", metavar="COLS", help="columns of regressors (comma-separated): "
                      "regression effects; rows after the series' last value give their future "
                      "values for --forecast")

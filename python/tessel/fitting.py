@@ -488,7 +488,7 @@ class Likelihood:
     for repeated evaluation.
 
     ``Likelihood(y, structure, exog=None, fixed=None, cycle_periods=(lo, hi),
-    diffuse="approximate")``: ``y`` as for :func:`fit` (one series; the
+    diffuse="approximate")``: ``y`` as for :func:`fit` (one series or several; the
     caller's array is copied), ``structure`` a component list or a
     :class:`tessel.SARIMA`, ``exog`` n x k regressors, ``fixed`` values of
     parameters by name. The model is built and validated once; afterwards
@@ -508,12 +508,16 @@ class Likelihood:
                              "build does not have yet; use diffuse='approximate'")
         self.diffuse = diffuse
         data = _data if _data is not None else _Data(y, None)
-        if data.N != 1:
-            raise ModelError("fit: one series is expected (1-D array or pandas Series)")
         self.data = data
         fixed = _number_map(fixed, "fixed")
+        if data.N > 1 and (isinstance(structure, SARIMA) or exog is not None):
+            raise ModelError("fit: several series take a structural model without regressors "
+                             "(one series for SARIMA, ARMA or exog)")
         if isinstance(structure, SARIMA):
             self.form = _Sarima(structure, fixed)
+        elif data.N > 1:
+            from .sutse import Sutse
+            self.form = Sutse(C.check_components(structure), data.columns, fixed)
         else:
             self.form = _Structural(C.check_components(structure), data, fixed, cycle_periods)
         self.fixed = {k: v for k, v in fixed.items() if k in self.form.fixed_used}
@@ -525,13 +529,19 @@ class Likelihood:
         self.names = [p.name for p in self.params]
         self.label = self.form.label
         self.user_exog = exog
-        obs = data.values[0][~np.isnan(data.values[0])]
-        self.nobs = int(obs.size)
-        self.scale = float(np.std(obs)) or 1.0
-        dy = np.diff(obs)
-        dvar = float(np.var(dy)) if dy.size > 1 else self.scale ** 2
-        self.dvar = dvar if dvar > 0 else self.scale ** 2
+        scale, dvar = [], []
+        for row in data.values:
+            obs = row[~np.isnan(row)]
+            scale.append(float(np.std(obs)) or 1.0)
+            dv = float(np.var(np.diff(obs))) if obs.size > 2 else 0.0
+            dvar.append(dv if dv > 0 else scale[-1] ** 2)
+        self.nobs = int(np.sum(~np.isnan(data.values)))
+        self.scale, self.dvar = (scale[0], dvar[0]) if data.N == 1 else (np.array(scale),
+                                                                       np.array(dvar))
         self.start = self.form.start(self.scale ** 2, self.dvar)
+        if data.N > 1:
+            for p, (lo, hi) in zip(self.params, self.form.bounds(self.scale)):
+                p.lo, p.hi = lo, hi
         for p in self.params:
             if p.kind == "var":
                 p.lo, p.hi = math.log(self.scale) - 12.0, math.log(self.scale) + 6.0
@@ -539,7 +549,7 @@ class Likelihood:
         self.path, self.unit = self._standardisation()
         self.model0 = self.model(self.start, unit=self.unit)
         self._prepare()
-        if isinstance(structure, SARIMA) and structure.r and obs.size == data.n:
+        if isinstance(structure, SARIMA) and structure.r and self.nobs == data.n:
             self._differenced(structure, fixed)
 
     def _standardisation(self):
@@ -551,30 +561,32 @@ class Likelihood:
         of the order of the model's variances, and its large variance for
         diffuse elements is large against them whatever the units or the
         level of the data; log-likelihoods are converted back."""
-        y = self.data.values[0]
         base = self.form.base_model(self.start)
         states = self.form.fixed_diffuse_states(base)
         if base.init is not None:
             states = [i for i in states if base.init[i, i] < 0]
-        cols = []
-        if states:
-            T, v = base.T, base.Z[0].copy()
-            rows = np.empty((y.size, base.m))
-            for t in range(y.size):
-                rows[t] = v
-                v = v @ T
-            cols.append(rows[:, states])
-        if self.user_exog is not None:
-            cols.append(self.user_exog)
-        path = np.zeros(y.size)
-        obs = ~np.isnan(y)
-        if cols:
-            G = np.hstack(cols)
-            coef = np.linalg.lstsq(G[obs], y[obs], rcond=None)[0]
-            path = G @ coef
-        rest = (y - path)[obs]
-        unit = float(np.std(np.diff(rest))) if rest.size > 2 else 0.0
-        return path, (unit or float(np.sqrt(np.mean(rest ** 2))) or 1.0)
+        paths, units = [], []
+        for j, y in enumerate(self.data.values):
+            cols = []
+            if states:
+                T, v = base.T, base.Z[j].copy()
+                rows = np.empty((y.size, base.m))
+                for t in range(y.size):
+                    rows[t] = v
+                    v = v @ T
+                cols.append(rows[:, states])
+            if self.user_exog is not None:
+                cols.append(self.user_exog)
+            path = np.zeros(y.size)
+            obs = ~np.isnan(y)
+            if cols:
+                G = np.hstack(cols)
+                path = G @ np.linalg.lstsq(G[obs], y[obs], rcond=None)[0]
+            rest = (y - path)[obs]
+            unit = float(np.std(np.diff(rest))) if rest.size > 2 else 0.0
+            paths.append(path)
+            units.append(unit or float(np.sqrt(np.mean(rest ** 2))) or 1.0)
+        return np.array(paths), (units[0] if len(units) == 1 else np.array(units))
 
     def _differenced(self, spec, fixed):
         """Evaluate on the differenced series: with no value missing, the
@@ -633,13 +645,16 @@ class Likelihood:
         while tail and tail[-1] is None:
             tail.pop()
         empty = np.empty((0, 0))
-        yv = (self.data.values - self.path) / self.unit
+        yv = (self.data.values - self.path) / np.reshape(self.unit, (-1, 1))
         args = [yv, self.sys, self.var, self.init] + \
                [empty if x is None else x for x in tail]
         self._ll_args = [None, None] + args
         self._sco_args = [None, None, None] + args
         self.d = mod.diffuse
-        self._ll_shift = -(self.nobs - self.d) * math.log(self.unit)
+        # log-likelihood of y from that of (y - path) / unit: each series'
+        # observed values beyond its diffuse elements carry log(unit)
+        counts = np.sum(~np.isnan(self.data.values), axis=1) - self.d / self.data.N
+        self._ll_shift = -float(np.sum(counts * np.log(np.reshape(self.unit, (-1,)))))
         if self.nobs <= self.d:
             raise ModelError(f"fit: {self.nobs} observed values for {self.d} diffuse initial "
                              "elements: at least one more observation is needed")
@@ -703,8 +718,12 @@ class Likelihood:
             return _NEG_INF, g
         if self._scale_index is not None:
             g[self._scale_index] = (self.nobs - self.d) * (w[1] - 1.0)
-        if self._numeric:
-            for k in self._numeric:
+        numeric = self._numeric
+        if not np.all(np.isfinite(g)):
+            # the score is NaN where a multivariate time point is wholly missing
+            numeric = range(theta.size)
+        if numeric:
+            for k in numeric:
                 h = step * max(1.0, abs(theta[k]))
                 tp, tm = theta.copy(), theta.copy()
                 tp[k] += h
@@ -989,10 +1008,12 @@ def _covariance(H, at_bound):
 
 
 def fit(y, structure, exog=None, *, fixed=None, start=None, cycle_periods=None, n_starts=3,
-        maxiter=500, tol=1e-9, progress=None, diffuse=DEFAULT_DIFFUSE):
+        maxiter=500, tol=1e-9, progress=None, diffuse=DEFAULT_DIFFUSE, names=None):
     """Estimate a model by maximum likelihood.
 
-    ``y``: one series (1-D array or pandas Series; NaN for missing).
+    ``y``: one series (1-D array or pandas Series; NaN for missing), or
+    several (n x N array or DataFrame) for a structural model with
+    correlated disturbances (see :mod:`tessel.sutse`).
     ``structure``: a list of structural components (parameters left as None
     are estimated, given ones stay) or a :class:`tessel.SARIMA` /
     :class:`tessel.ARMA`. ``exog``: regressors (n x k), regression effects
@@ -1008,7 +1029,8 @@ def fit(y, structure, exog=None, *, fixed=None, start=None, cycle_periods=None, 
     ``progress``: None, True (iterations and log-likelihood to stderr) or a
     callable ``progress(iteration, loglik)``, iterations counted over all
     starts. ``diffuse``: "approximate" (the entry points' large variance)
-    or "exact".
+    or "exact". ``names``: names of the series for the report when ``y``
+    is an array (default: y, or y0, y1, ...).
 
     Warns :class:`ConvergenceWarning` when the point reached is not a
     maximum (see ``FitResult.convergence``) or an ARMA polynomial is on the
@@ -1019,8 +1041,11 @@ def fit(y, structure, exog=None, *, fixed=None, start=None, cycle_periods=None, 
     from .results import FitResult
 
     data = _Data(y, None)
-    if data.N != 1:
-        raise ModelError("fit: one series is expected (1-D array or pandas Series)")
+    if names is not None:
+        names = [str(n) for n in ([names] if isinstance(names, str) else names)]
+        if len(names) != data.N or len(set(names)) != data.N:
+            raise ModelError(f"fit: names must be {data.N} distinct names, got {names!r}")
+        data.columns = names
     if isinstance(maxiter, bool) or not isinstance(maxiter, (int, np.integer)) or maxiter < 1:
         raise ModelError(f"fit: maxiter must be a positive int, got {maxiter!r}")
     if isinstance(n_starts, bool) or not isinstance(n_starts, (int, np.integer)) or n_starts < 1:
@@ -1029,12 +1054,16 @@ def fit(y, structure, exog=None, *, fixed=None, start=None, cycle_periods=None, 
         raise ModelError(f"fit: tol must be a float in (0, 1), got {tol!r}")
     if not (progress is None or progress is True or progress is False or callable(progress)):
         raise ModelError("fit: progress must be None, True or a callable(iteration, loglik)")
-    obs = data.values[0][~np.isnan(data.values[0])]
-    if obs.size < 3:
-        raise ModelError("fit: at least three observed values are needed")
-    if np.all(obs == obs[0]):
-        raise ModelError(f"fit: the series is constant (every observed value is {obs[0]:g}): "
-                         "there is nothing to estimate")
+    for name, row in zip(data.columns, data.values):
+        obs = row[~np.isnan(row)]
+        if obs.size < 3:
+            raise ModelError(f"fit: at least three observed values are needed ({name!r} has "
+                             f"{obs.size})")
+        if np.all(obs == obs[0]):
+            raise ModelError(f"fit: the series {name!r} is constant (every observed value is "
+                             f"{obs[0]:g}): there is nothing to estimate")
+    if data.N > 1 and start:
+        raise ModelError("fit: start values are not available for several series")
     X, xnames = _exog(exog, data.n)
     if not isinstance(structure, SARIMA):
         comps = C.check_components(structure)

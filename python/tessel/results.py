@@ -168,32 +168,67 @@ class FitResult:
         d = self.data
         if d.pandas:
             import pandas as pd
+            if d.N > 1:
+                return pd.DataFrame(d.values.T, index=d.index, columns=d.columns)
             return pd.Series(d.values[0], index=d.index, name=d.columns[0])
-        return d.values[0].copy()
+        return self._y()
+
+    def _y(self):
+        """The data as the library functions take them (n, or n x N)."""
+        return self.data.values[0].copy() if self.data.N == 1 else self.data.values.T.copy()
+
+    @property
+    def series(self):
+        return [str(c) for c in self.data.columns]
 
     # ---- moments and components
     def smoothed(self):
         """Smoothed moments of the fitted model (computed once)."""
         if self._smoothed is None:
-            self._smoothed = A.smoothed(self.data.values[0], self.model)
+            self._smoothed = A.smoothed(self._y(), self.model)
         return self._smoothed
+
+    def standardized_innovations(self):
+        """n x N one-step innovations standardised by the Cholesky factor of
+        their inverse variance (over the observed elements); NaN for the
+        first d/N observed values of each series (the diffuse elements) and
+        where missing."""
+        f = A.kalman_filter(self._y(), self.model)
+        v = np.asarray(f.innovations, dtype=float).reshape(self.n, self.data.N)
+        e = np.full(v.shape, np.nan)
+        if self.data.N == 1:
+            e[:, 0] = f.standardized
+        for t in range(self.n if self.data.N > 1 else 0):
+            o = np.flatnonzero(~np.isnan(self.data.values[:, t]))
+            if o.size:
+                Fi = f.inverse_variances[t][np.ix_(o, o)]
+                try:
+                    e[t, o] = np.linalg.cholesky(Fi).T @ v[t, o]
+                except np.linalg.LinAlgError:
+                    pass
+        skip = self.d // self.data.N
+        for j in range(self.data.N):
+            obs = np.flatnonzero(~np.isnan(self.data.values[j]))
+            e[obs[:skip], j] = np.nan
+        return e
 
     def diagnostics(self, lags=None):
         """Ljung-Box, Jarque-Bera and heteroskedasticity tests of the
-        standardised innovations, the first d observed values left out."""
-        f = A.kalman_filter(self.data.values[0], self.model)
-        e = np.array(f.standardized)
-        obs = np.flatnonzero(~np.isnan(self.data.values[0]))
-        e[obs[: self.d]] = np.nan
-        ee = e[~np.isnan(e)]
-        if lags is None:
-            lags = max(1, min(10, ee.size // 5))
-        lb = ljung_box(ee, lags, dof_adjust=self.k - 1)
-        resid = e
-        if self.data.pandas:
-            import pandas as pd
-            resid = pd.Series(e, index=self.data.index, name="standardised innovation")
-        return Diagnostics(resid, lb + (lags,), jarque_bera(ee), heteroskedasticity(ee))
+        standardised innovations (the first d observed values left out): a
+        Diagnostics, or a list of one per series for several series."""
+        E = self.standardized_innovations()
+        out = []
+        for j, name in enumerate(self.series):
+            e = E[:, j]
+            ee = e[~np.isnan(e)]
+            nl = max(1, min(10, ee.size // 5)) if lags is None else lags
+            lb = ljung_box(ee, nl, dof_adjust=self.k - 1)
+            resid = e
+            if self.data.pandas:
+                import pandas as pd
+                resid = pd.Series(e, index=self.data.index, name=name)
+            out.append(Diagnostics(resid, lb + (nl,), jarque_bera(ee), heteroskedasticity(ee)))
+        return out[0] if self.data.N == 1 else out
 
     def _effects(self):
         """[(name, estimate, std. error)] of the regression effects (and a
@@ -220,8 +255,9 @@ class FitResult:
         z = normal_quantile(0.5 + level / 2)
         sm = self.smoothed()
         st, sv = np.asarray(sm.state), np.asarray(sm.state_var)
-        Z = self.model.Z[0]
-        cols = {"observed": self.data.values[0].copy()}
+        N, m = self.data.N, self.model.m
+        cols = {}
+        dist = None
 
         def band(name, mean, var):
             cols[name] = mean
@@ -229,26 +265,31 @@ class FitResult:
             cols[f"{name}.lower"] = mean - z * sd
             cols[f"{name}.upper"] = mean + z * sd
 
-        k = self.likelihood.k_reg
-        if k:
-            X = self.likelihood.user_exog
-            P = np.asarray(A.predicted(self.data.values[0], self.model).end)[:k, :k]
-            band("regression", X @ st[-1, :k], np.einsum("ti,ij,tj->t", X, P, X))
-        for name, start, size, comp in self.model.info.get("components", []):
-            if isinstance(comp, C.Irregular):
-                dist = A.disturbances(self.data.values[0], self.model)
-                band(name, np.asarray(dist.mean)[:, self.model.m],
-                     np.asarray(dist.var)[:, self.model.m])
-                continue
-            if isinstance(comp, C.Slope):
-                band(name, st[:, start], sv[:, start])
-                continue
-            w = Z[start:start + size]
-            nz = np.flatnonzero(w)
-            var = sv[:, start + nz[0]] * w[nz[0]] ** 2 if nz.size == 1 else \
-                np.full(st.shape[0], np.nan)
-            band(name, st[:, start:start + size] @ w, var)
-        band("signal", np.asarray(sm.signal)[:, 0].copy(), np.asarray(sm.signal_var)[:, 0])
+        for j, series in enumerate(self.series):
+            tag = "" if N == 1 else f".{series}"
+            Z = self.model.Z[j]
+            cols[f"observed{tag}"] = self.data.values[j].copy()
+            k = self.likelihood.k_reg
+            if k:
+                X = self.likelihood.user_exog
+                P = np.asarray(A.predicted(self._y(), self.model).end)[:k, :k]
+                band("regression", X @ st[-1, :k], np.einsum("ti,ij,tj->t", X, P, X))
+            for name, start, size, comp in self.model.info.get("components", []):
+                if isinstance(comp, C.Irregular):
+                    dist = dist or A.disturbances(self._y(), self.model)
+                    band(name + tag, np.asarray(dist.mean)[:, m + j],
+                         np.asarray(dist.var)[:, m + j])
+                    continue
+                if isinstance(comp, C.Slope):
+                    band(name + tag, st[:, start + j], sv[:, start + j])
+                    continue
+                w = Z[start:start + size]
+                nz = np.flatnonzero(w)
+                var = sv[:, start + nz[0]] * w[nz[0]] ** 2 if nz.size == 1 else \
+                    np.full(st.shape[0], np.nan)
+                band(name + tag, st[:, start:start + size] @ w, var)
+            band("signal" + tag, np.asarray(sm.signal)[:, j].copy(),
+                 np.asarray(sm.signal_var)[:, j])
         return cols
 
     def components(self, level=0.95):
@@ -271,8 +312,9 @@ class FitResult:
             raise ModelError(f"forecast: h must be a positive int, got {h!r}")
         if not (isinstance(level, float) and 0 < level < 1):
             raise ModelError(f"forecast: level must be a float in (0, 1), got {level!r}")
-        lik, n = self.likelihood, self.data.n
-        y = np.r_[self.data.values[0], np.full(h, np.nan)]
+        lik, n, N = self.likelihood, self.data.n, self.data.N
+        y = np.vstack([self._y().reshape(n, N), np.full((h, N), np.nan)])
+        y = y[:, 0] if N == 1 else y
         model = self.model
         if lik.user_exog is not None:
             if exog is None:
@@ -283,15 +325,22 @@ class FitResult:
                 raise ModelError(f"forecast: exog must be {h} x {lik.k_reg}, got {fut.shape}")
             model = lik.model(self.theta, np.vstack([lik.user_exog, fut]))
         pm = A.predicted(y, model)
-        mean = np.asarray(pm.signal)[n:, 0]
-        var = np.asarray(pm.signal_var)[n:, 0]
+        mean = np.asarray(pm.signal)[n:]
+        var = np.asarray(pm.signal_var)[n:]
         z = normal_quantile(0.5 + level / 2)
         lo, up = mean - z * np.sqrt(var), mean + z * np.sqrt(var)
+        if N == 1:
+            mean, var, lo, up = (a[:, 0] for a in (mean, var, lo, up))
         if self.data.pandas:
             import pandas as pd
             idx = extend_index(self.data.index, h)
-            name = self.data.columns[0]
-            mean, var, lo, up = (pd.Series(a, index=idx, name=name) for a in (mean, var, lo, up))
+            if N == 1:
+                name = self.data.columns[0]
+                mean, var, lo, up = (pd.Series(a, index=idx, name=name)
+                                     for a in (mean, var, lo, up))
+            else:
+                mean, var, lo, up = (pd.DataFrame(a, index=idx, columns=self.data.columns)
+                                     for a in (mean, var, lo, up))
         return Forecast(mean, var, lo, up, level)
 
     # ---- output
@@ -318,9 +367,11 @@ class FitResult:
     def summary(self):
         """The report: parameters with standard errors, regression effects,
         fit statistics, convergence and residual diagnostics."""
+        cells = self.n * self.data.N
         lines = [f"Tessel maximum likelihood fit: {self.label}",
-                 f"  observations: {self.n} time points, {self.nobs} observed, "
-                 f"{self.n - self.nobs} missing"]
+                 f"  observations: {self.n} time points" +
+                 (f" x {self.data.N} series" if self.data.N > 1 else "") +
+                 f", {self.nobs} observed, {cells - self.nobs} missing"]
         lines += [f"  input: {note}" for note in self.notes]
         lines += ["", f"  {'parameter':<22}{'estimate':>14}{'std.error':>14}"]
         for name, est, se, ab in zip(self.names, self.estimates, self.std_errors,
@@ -345,26 +396,37 @@ class FitResult:
                   f"{cv['iterations']} iterations from {cv['starts']} start"
                   f"{'s' if cv['starts'] > 1 else ''} ({cv['optimizer_message']})"]
         lines += [f"  warning: {note}" for note in cv["notes"]]
-        dg = self.diagnostics()
-        q, df, p, lags = dg.ljung_box
-        jb, sk, ku, pj = dg.normality
-        H, hh, ph = dg.heteroskedasticity
-        lines += ["",
-                  "  Diagnostics of the standardised innovations:",
-                  f"    Ljung-Box Q({lags}) = {q:.3f}  (df {df}, p = {p:.3f})",
-                  f"    Jarque-Bera normality = {jb:.3f}  (skewness {sk:.3f}, kurtosis {ku:.3f}, "
-                  f"p = {pj:.3f})",
-                  f"    Heteroskedasticity H({hh}) = {H:.3f}  (two-sided p = {ph:.3f})"]
+        dgs = self.diagnostics()
+        for name, dg in zip(self.series, dgs if isinstance(dgs, list) else [dgs]):
+            q, df, p, lags = dg.ljung_box
+            jb, sk, ku, pj = dg.normality
+            H, hh, ph = dg.heteroskedasticity
+            lines += ["",
+                      "  Diagnostics of the standardised innovations" +
+                      (f" of {name}:" if self.data.N > 1 else ":"),
+                      f"    Ljung-Box Q({lags}) = {q:.3f}  (df {df}, p = {p:.3f})",
+                      f"    Jarque-Bera normality = {jb:.3f}  (skewness {sk:.3f}, kurtosis "
+                      f"{ku:.3f}, p = {pj:.3f})",
+                      f"    Heteroskedasticity H({hh}) = {H:.3f}  (two-sided p = {ph:.3f})"]
         return "\n".join(lines)
 
     def to_dict(self):
         """Every figure of the summary as a JSON-ready dict (NaN as None);
         its schema is docs/results.schema.json."""
         from . import __version__
-        dg = self.diagnostics()
-        q, df, p, lags = dg.ljung_box
-        jb, sk, ku, pj = dg.normality
-        H, hh, ph = dg.heteroskedasticity
+        dgs = self.diagnostics()
+        diagnostics = []
+        for name, dg in zip(self.series, dgs if isinstance(dgs, list) else [dgs]):
+            q, df, p, lags = dg.ljung_box
+            jb, sk, ku, pj = dg.normality
+            H, hh, ph = dg.heteroskedasticity
+            diagnostics.append({
+                "series": name,
+                "ljung_box": {"statistic": _num(q), "df": int(df), "p_value": _num(p),
+                              "lags": int(lags)},
+                "normality": {"statistic": _num(jb), "skewness": _num(sk),
+                              "kurtosis": _num(ku), "p_value": _num(pj)},
+                "heteroskedasticity": {"statistic": _num(H), "h": int(hh), "p_value": _num(ph)}})
         cv = self.convergence
         params = [{"name": n, "estimate": _num(e), "std_error": _num(s), "theta": _num(t),
                    "theta_std_error": _num(st), "at_bound": bool(b), "fixed": False}
@@ -377,9 +439,10 @@ class FitResult:
             "schema_version": RESULTS_SCHEMA_VERSION,
             "tessel_version": __version__,
             "model": self.label,
-            "series": str(self.data.columns[0]),
+            "series": self.series,
             "observations": {"time_points": self.n, "observed": self.nobs,
-                             "missing": self.n - self.nobs, "notes": list(self.notes)},
+                             "missing": self.n * self.data.N - self.nobs,
+                             "notes": list(self.notes)},
             "diffuse": self.likelihood.diffuse,
             "parameters": params,
             "regression": [{"name": n, "estimate": _num(e), "std_error": _num(s)}
@@ -396,13 +459,7 @@ class FitResult:
                             "max_gradient": _num(cv["max_gradient"]),
                             "expected_improvement": _num(cv["expected_improvement"]),
                             "notes": list(cv["notes"])},
-            "diagnostics": {
-                "ljung_box": {"statistic": _num(q), "df": int(df), "p_value": _num(p),
-                              "lags": int(lags)},
-                "normality": {"statistic": _num(jb), "skewness": _num(sk),
-                              "kurtosis": _num(ku), "p_value": _num(pj)},
-                "heteroskedasticity": {"statistic": _num(H), "h": int(hh), "p_value": _num(ph)},
-            },
+            "diagnostics": diagnostics,
         }
 
     def to_json(self, **kw):
