@@ -402,7 +402,8 @@ def _write_outputs(out, res, index, fc, summary, args):
     if not args.no_plot:
         import matplotlib.pyplot as plt
         fx = index.extend(args.forecast).plot_values() if fc is not None else None
-        fig = res.plot(out.path("fit.png"), forecast=fc, x=index.plot_values(), fx=fx)
+        fig = res.plot(out.path("fit.png"), forecast=fc, x=index.plot_values(), fx=fx,
+                       xlabel=time_name)
         plt.close(fig)
     if args.diagnostics:
         import matplotlib.pyplot as plt

@@ -35,7 +35,8 @@ def _legend(ax):
     ax.grid(alpha=0.3)
 
 
-def plot_fit(result, path=None, forecast=None, level=0.95, title=None, x=None, fx=None):
+def plot_fit(result, path=None, forecast=None, level=0.95, title=None, x=None, fx=None,
+             xlabel=None):
     """Data with the smoothed level/trend plus regression effects (or the
     signal) and its band, one panel per further component (regression
     effect, seasonal, cycles, autoregressions, irregular), and the
@@ -43,8 +44,8 @@ def plot_fit(result, path=None, forecast=None, level=0.95, title=None, x=None, f
     top panel per series. The y range leaves out the bands of the first d
     time points (the diffuse start). ``x`` / ``fx``: x values of the data
     and of the forecasts (default: the data's index and the forecasts'
-    index, or positions). Saves a PNG to ``path`` when given; returns the
-    figure."""
+    index, or positions); ``xlabel`` (default: the index's name). Saves a
+    PNG to ``path`` when given; returns the figure."""
     plt = _pyplot()
     cols = result.component_columns(level=level)
     N, n = result.data.N, result.data.n
@@ -99,7 +100,7 @@ def plot_fit(result, path=None, forecast=None, level=0.95, title=None, x=None, f
         ax.axhline(0.0, color="0.5", lw=0.8)
         ax.set_ylabel(k)
         _legend(ax)
-    idxname = getattr(result.data.index, "name", None)
+    idxname = xlabel or getattr(result.data.index, "name", None)
     axes[-1].set_xlabel(str(idxname) if idxname else "time")
     fig.tight_layout()
     if path is not None:

@@ -344,11 +344,12 @@ class FitResult:
         return Forecast(mean, var, lo, up, level)
 
     # ---- output
-    def plot(self, path=None, forecast=None, level=0.95, x=None, fx=None):
+    def plot(self, path=None, forecast=None, level=0.95, x=None, fx=None, xlabel=None):
         """Data, smoothed components with bands and optional forecasts
         (see :func:`tessel.plotting.plot_fit`)."""
         from .plotting import plot_fit
-        return plot_fit(self, path=path, forecast=forecast, level=level, x=x, fx=fx)
+        return plot_fit(self, path=path, forecast=forecast, level=level, x=x, fx=fx,
+                        xlabel=xlabel)
 
     def plot_diagnostics(self, path=None, x=None):
         """Standardised residuals, their autocorrelations, histogram and
