@@ -35,7 +35,7 @@ class Sutse:
     series."""
 
     def __init__(self, comps, series, fixed):
-        from .fitting import _Param
+        from .forms import _Param
         for c in comps:
             if not isinstance(c, _ALLOWED):
                 raise ModelError(f"fit: several series: {type(c).__name__} is not available; "
