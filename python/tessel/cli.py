@@ -195,6 +195,10 @@ def _write_csv(path, header, rows):
                         (repr(v) if isinstance(v, float) else v) for v in r])
 
 
+OUTPUT_FILES = {"smoothed.csv", "parameters.csv", "summary.txt", "results.json", "forecast.csv",
+                "fit.png", "diagnostics.png"}
+
+
 class _Output:
     """Files written into a temporary folder beside the output folder,
     moved into it only when everything succeeded."""
@@ -223,6 +227,9 @@ class _Output:
         for name in self.files:
             os.replace(self.tmp / name, self.out / name)
         os.rmdir(self.tmp)
+        for name in OUTPUT_FILES - set(self.files):
+            # a file of an earlier run that this one did not write
+            (self.out / name).unlink(missing_ok=True)
 
     def discard(self):
         import shutil

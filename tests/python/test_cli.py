@@ -81,9 +81,9 @@ def test_demo_writes_the_nile_local_level_fit(tmp_path):
     assert list(pd.read_csv(out / "forecast.csv", index_col=0).index) == list(range(1971, 1981))
     png = (out / "fit.png").read_bytes()
     assert png[:8] == b"\x89PNG\r\n\x1a\n" and len(png) > 20000
-    proc = _run("demo", "--quiet", "--no-plot", cwd=tmp_path)
+    proc = _run("demo", "--quiet", "--no-plot", "--out", str(out))   # fit.png of before goes
     assert proc.returncode == 0 and proc.stderr == ""
-    assert sorted(p.name for p in (tmp_path / "tessel-demo").iterdir()) == [
+    assert sorted(p.name for p in out.iterdir()) == [
         "forecast.csv", "parameters.csv", "results.json", "smoothed.csv", "summary.txt"]
 
 
