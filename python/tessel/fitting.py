@@ -290,10 +290,12 @@ class Likelihood:
         g = np.zeros(theta.size)
         if not self._write(theta):
             return _NEG_INF, g
+        numeric = self._numeric
         if self._an_index is not None:
             ok, w = self._call("LgmLikSco", self._sco_args, 3)
-            if ok == 1:
-                self.form.gradient(w[2], g)
+            if ok == 1 and not self.form.gradient(w[2], g):
+                # the score is NaN where a multivariate time point is wholly missing
+                numeric = range(theta.size)
         else:
             ok, w = self._call("LgmLik", self._ll_args, 2)
         ll = w[0]
@@ -301,10 +303,6 @@ class Likelihood:
             return _NEG_INF, g
         if self._scale_index is not None:
             g[self._scale_index] = (self.nobs - self.d) * (w[1] - 1.0)
-        numeric = self._numeric
-        if not np.all(np.isfinite(g)):
-            # the score is NaN where a multivariate time point is wholly missing
-            numeric = range(theta.size)
         if numeric:
             for k in numeric:
                 h = step * max(1.0, abs(theta[k]))

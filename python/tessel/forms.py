@@ -218,8 +218,10 @@ class _Structural:
 
     def gradient(self, S, g):
         """The analytic elements of the gradient from the score matrix S at
-        the theta last written: d loglik / d theta_i = sigma_i^2 tr(S B_i)."""
+        the theta last written: d loglik / d theta_i = sigma_i^2 tr(S B_i).
+        False where S is not finite."""
         Sf = S.reshape(-1)
+        finite = True
         for (i, few, pos, coef), e in zip(self.writers, self._e):
             if few is not None:
                 acc = 0.0
@@ -228,6 +230,8 @@ class _Structural:
             else:
                 acc = float(coef @ Sf[pos])
             g[i] = acc * e
+            finite = finite and acc == acc
+        return finite
 
     def values(self, theta):
         return np.array([p.natural(t) for p, t in zip(self.params, theta)])

@@ -132,7 +132,8 @@ class Sutse:
     def gradient(self, S, g):
         """d loglik / d theta from the score S (d loglik = tr(S dvar) / 2):
         G_c = sum over the pattern of B_c[a, b] S_(b, a) is d loglik / d
-        Sigma_c times 2 (scaled units), then the chain through D and L."""
+        Sigma_c times 2 (scaled units), then the chain through D and L.
+        False where S is not finite."""
         N = self.N
         inv = 1.0 / np.broadcast_to(np.asarray(self._unit, dtype=float), (N,))
         for c, (L, (_, nz)) in enumerate(zip(self._factors(self._theta), self.free)):
@@ -143,6 +144,7 @@ class Sutse:
             dL = 0.5 * (G + G.T) @ L
             dL[np.diag_indices(N)] *= np.diag(L)       # theta = log L_ii
             g[c * self.npc:(c + 1) * self.npc] = dL[np.tril_indices(N)]
+        return bool(np.all(np.isfinite(g)))
 
     def values(self, theta):
         """The elements of each Sigma_c: variances and covariances."""
