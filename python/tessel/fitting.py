@@ -224,6 +224,7 @@ class Likelihood:
         self.init = np.array(mod.init if mod.init is not None else
                              np.vstack([-np.eye(mod.m), np.zeros((1, mod.m))]))
         self.var_flat = self.var.reshape(-1)
+        self.var_view = memoryview(self.var_flat)
         tail = [mod.mean, mod.sysidx, mod.varidx, mod.meanidx, mod.tvdata]
         while tail and tail[-1] is None:
             tail.pop()

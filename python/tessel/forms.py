@@ -191,7 +191,7 @@ class _Structural:
         self._e = [0.0] * len(self.writers)      # sigma^2 of each, as last written
 
     def write(self, lik, theta):
-        var = lik.var_flat
+        var = lik.var_view                      # a memoryview: cheaper single writes
         t = theta.tolist()
         es = self._e
         for k, (i, few, pos, coef) in enumerate(self.writers):
@@ -200,7 +200,7 @@ class _Structural:
                 for q, c in few:
                     var[q] = c * e
             else:
-                var[pos] = coef * e
+                lik.var_flat[pos] = coef * e
         if self.blocks:
             comps = self.components(theta, lik.unit)
             for j, (start, size) in self.blocks:
@@ -220,15 +220,15 @@ class _Structural:
         """The analytic elements of the gradient from the score matrix S at
         the theta last written: d loglik / d theta_i = sigma_i^2 tr(S B_i).
         False where S is not finite."""
-        Sf = S.reshape(-1)
         finite = True
+        item = S.item                            # by flat index, as a Python float
         for (i, few, pos, coef), e in zip(self.writers, self._e):
             if few is not None:
                 acc = 0.0
                 for q, c in few:
-                    acc += c * float(Sf[q])
+                    acc += c * item(q)
             else:
-                acc = float(coef @ Sf[pos])
+                acc = float(coef @ S.reshape(-1)[pos])
             g[i] = acc * e
             finite = finite and acc == acc
         return finite
