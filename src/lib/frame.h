@@ -80,6 +80,11 @@ public:
     bool alloc(int rows, int cols);
     void reset();
     int **get() const { return p_; }
+    int **release() {
+        int **p = p_;
+        p_ = nullptr;
+        return p;
+    }
     explicit operator bool() const { return p_ != nullptr; }
 
 private:
@@ -102,6 +107,11 @@ public:
         return p_ != nullptr;
     }
     T *get() const { return p_; }
+    T *release() {
+        T *p = p_;
+        p_ = nullptr;
+        return p;
+    }
     explicit operator bool() const { return p_ != nullptr; }
     T &operator[](std::size_t i) const { return p_[i]; }
 
