@@ -137,6 +137,9 @@ ZU_HOST_API std::string library_path();
 ZU_HOST_API void load_library();
 // The entry point Fn<name>, or null when the library does not export it.
 ZU_HOST_API ZuEntryPoint find_entry_point(const std::string &name);
+// Any symbol the library exports, by its exact name (the numeric routines:
+// "fKalmanExact", ...), or null.
+ZU_HOST_API void *find_symbol(const std::string &name);
 // Calls Fn<name>(rtn, args.data(), args.size()) and returns rtn (ZU_NONE if
 // the entry point set nothing). Arguments may be converted and references
 // written in place. Throws zu::Error for host errors and for an unknown name.

@@ -79,11 +79,14 @@ void load_library() {
     g_handle = h;
 }
 
-ZuEntryPoint find_entry_point(const std::string &name) {
+void *find_symbol(const std::string &name) {
     load_library();
     dlerror();
-    void *sym = dlsym(g_handle, ("Fn" + name).c_str());
-    return reinterpret_cast<ZuEntryPoint>(sym);
+    return dlsym(g_handle, name.c_str());
+}
+
+ZuEntryPoint find_entry_point(const std::string &name) {
+    return reinterpret_cast<ZuEntryPoint>(find_symbol("Fn" + name));
 }
 
 Value call(const std::string &name, ZuValue *args, int nargs) {
