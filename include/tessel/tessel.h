@@ -211,6 +211,214 @@ int fGetLgmUnivArma(int m, int d, int s, double *phi, double *theta, double **sy
 int fGetLgmUnivStsm(int *rowofcode, double **table, int m, double *start, double **sys,
                     double **var, double **init);
 
+/* ===================== exact initial filtering and smoothing =====================
+ *
+ * Diffuse initial elements treated exactly (the limit of a variance kappa ->
+ * infinity, no kappa anywhere): the initial variance is P_* + kappa P_inf
+ * with P_inf the 0/1 diagonal of the diffuse elements, and the filter carries
+ * P_* and P_inf apart until P_inf vanishes (the diffuse period, time points
+ * 0 .. diffuse_end-1), then runs the ordinary recursion of fUnivKalmanFil /
+ * fMultiKalmanFil (the same code). In the diffuse period the observations of
+ * a time point are taken one element at a time on the joint predicted vector
+ * (alpha(t+1), y(t)), whose variance SysMat P SysMat' + VarMat the ordinary
+ * step forms: conditioning on y_i(t) there removes its correlation with the
+ * later elements and with the state noise of the same time point, which is
+ * what decorrelating the observation noise (LDL of its observed block) and
+ * conditioning the state noise on it (transition T - C V_o^-1 Z_o, input
+ * C V_o^-1 (y_o - d_o), variance Q - C V_o^-1 C') amount to, so neither an
+ * N x N inverse nor a factorisation of the observation noise is needed.
+ * No entry point calls these routines.
+ *
+ * Log-likelihood convention: the exact diffuse value without d log(2 pi)/2
+ * for the d diffuse elements, i.e. -0.5 (cnt log 2pi + logdet + sumsq) with
+ * logdet summing log F_inf over the d diffuse steps and log F over the cnt
+ * usable observations. statsmodels' exact diffuse log-likelihood (llf) is
+ * this value minus d log(2 pi)/2. The concentrated form: sigma2 =
+ * sumsq / cnt, -0.5 (cnt log 2pi + logdet + cnt (log sigma2 + 1)).
+ *
+ * Exact store (store_rows x n, see LgmExactSizes): one column per time
+ * point.
+ *  - t >= diffuse_end: rows 0 .. S-1 hold the ordinary filter store column
+ *    (layout of fMultiKalmanFil, S = N + mN + N(N+1)/2), except that a
+ *    missing element or time point stores v = 0 (never NaN) with zero gain
+ *    and inverse-variance entries: a zero diagonal of F^-1 marks it.
+ *  - t < diffuse_end (the diffuse record): for each series i in turn a
+ *    block of 3 + 2 a_i rows, a_i = m + N - 1 - i, starting at row
+ *    sum_{k<i} (3 + 2 a_k): v_i (NaN when missing), F_inf, F_*, then the a_i
+ *    gains K0 of the joint vector's remaining elements (the m states, then
+ *    the series i+1..N-1), then a_i values K1. With F_inf > 0 (a diffuse
+ *    step) K0 = M_inf / F_inf and K1 = (M_* - K0 F_*) / F_inf, M_inf and M_*
+ *    the covariances of those elements with y_i(t); with F_inf = 0 (an
+ *    ordinary step) F_* > 0, K0 = M_* / F_* and K1 = 0; F_inf = F_* = 0
+ *    marks an element that carries no information.
+ *
+ * State record (state_rows x n, optional output of fKalmanExact, input of
+ * StateSmoExact): column t holds the predicted moments of time t as the
+ * prediction pass (fMultiStatePred) writes them: rows 0..m-1 a(t), m..m+N-1
+ * the predicted observation, m+N..2m+N-1 the diagonal of P_*(t), 2m+N ..
+ * 2(m+N)-1 the diagonal of F_*(t); then m(m-1)/2 rows of P_*(t)'s upper
+ * triangle (row-major, k < j); then m(m+1)/2 rows of P_inf(t)'s upper
+ * triangle with its diagonal (zero from diffuse_end on). P(t) is stored
+ * rather than recomputed: the variance recursion cannot run backwards, and
+ * running it forward again needs the same storage.
+ *
+ * Work: one matrix of work_rows x work_cols (LgmExactSizes), used by every
+ * routine below; nothing is allocated inside a time loop (each routine
+ * allocates a few row-pointer views once per call, and returns 0 when that
+ * fails). None of the routines writes the caller's model matrices.
+ */
+
+/* A model opened for the exact routines (caller-owned struct; the storage
+ * it points to is owned by it from LgmExactOpen to LgmExactClose). */
+typedef struct LgmExactModel {
+    int N, m, n;     /* series, state order, time points */
+    double **sys;    /* (m+N) x m copy of SysMat; time-varying elements
+                        are written into it at each time point */
+    double **var;    /* (m+N) x (m+N) copy of VarMat, likewise */
+    double *mean;    /* m+N intercepts [d_state; d_obs] (0 when absent) */
+    int **sysidx;    /* (m+N) x m TvData rows of SysMat, or NULL */
+    int **varidx;    /* (m+N) x (m+N), or NULL */
+    int *meanidx;    /* m+N, or NULL */
+    double **tvdata; /* borrowed: tvrows x n TvData, or NULL */
+    int tvrows;
+    double *a0;   /* m initial mean */
+    double **P0;  /* m x m proper initial variance P_* */
+    int *diffuse; /* m flags: 1 for a diffuse initial element */
+    int d;        /* number of diffuse initial elements */
+} LgmExactModel;
+
+/* Sizes of the caller-allocated matrices (columns: store and states n,
+ * wgt n+1, scratch n, work work_cols). */
+typedef struct LgmExactSize {
+    int store_rows; /* exact store */
+    int state_rows; /* state record: 2(m+N) + m^2 */
+    int work_rows, work_cols;
+    int wgt_rows;  /* SimSmoWgtExact: 2m+N + (m+N)(m+N+1)/2 */
+    int draw_rows; /* LgmDraw output and SimSmoDrawExact scratch: 2(m+N) */
+} LgmExactSize;
+
+/* Likelihood pieces of fKalmanExact (see the convention above). */
+typedef struct LgmExactLik {
+    double loglik;   /* -0.5 (cnt log 2pi + logdet + sumsq) */
+    double logdet;   /* sum of log F_inf (diffuse steps) and log F */
+    double sumsq;    /* sum of squared standardised innovations, not divided */
+    int nobs;        /* observed elements */
+    int cnt;         /* usable observations (nobs - d when every element informs) */
+    int d;           /* diffuse steps taken */
+    int diffuse_end; /* first time point of the ordinary recursion */
+} LgmExactLik;
+
+/* Opens rec from a model block given as row-pointer matrices: sys
+ * ((m+N) x m), var ((m+N) x (m+N)), and optionally (NULL = absent) init
+ * ((m+1) x m InitMat: diagonal < 0 marks a diffuse element, the lower
+ * triangle and diagonal are read; absent = every element diffuse with mean
+ * 0), meanvec ((m+N) x 1), the index matrices sysidx ((m+N) x m), varidx
+ * ((m+N) x (m+N)), meanidx ((m+N) x 1) (entries truncated to int; r >= 0
+ * takes tvdata[r][t] at time t) and tvdata (tvrows x n, borrowed: it must
+ * outlive rec). Copies everything else. Returns 1, or 0 (rec left empty,
+ * safe to close) on N < 1, m < 1, n < 0, an index without tvdata or beyond
+ * tvrows, sizes beyond int, or a failed allocation. */
+int LgmExactOpen(LgmExactModel *rec, int N, int m, int n, double **sys, double **var, double **init,
+                 double **meanvec, double **sysidx, double **varidx, double **meanidx,
+                 double **tvdata, int tvrows);
+/* Frees what rec owns and empties it (rec may be empty or NULL). */
+void LgmExactClose(LgmExactModel *rec);
+/* Fills *size for rec's dimensions; a size beyond int is -1. */
+void LgmExactSizes(const LgmExactModel *rec, LgmExactSize *size);
+
+/* From InitMat ((m+1) x m, or NULL: all diffuse, mean 0): the mean a (m),
+ * the proper variance P (m x m; diffuse rows and columns 0: a covariance
+ * between a diffuse and a proper element vanishes in the limit and is
+ * dropped) and the flags diffuse (m; a negative diagonal marks a diffuse
+ * element, a zero one is a proper element of variance 0). Returns d, the
+ * number of diffuse elements. */
+int IKalmanInitial(int m, double **init, double *a, double **P, int *diffuse);
+
+/* Exact initial Kalman filter over y (N x n, NaN = missing). store
+ * (optional) receives the exact store, states (optional) the state record;
+ * lik (required) the likelihood pieces. A diffuse F_inf counts as zero when
+ * it is at most 1e-10 ||Z_i||^2 s, and the diffuse period ends when every
+ * element of P_inf is at most 1e-10 s, s the largest diagonal element of
+ * P_inf met so far (so both tests are free of the units of the data).
+ * Returns 1; 0 when P_inf has not vanished by the last time point (the data
+ * do not determine every diffuse element), on a negative F_* in the diffuse
+ * period, when the ordinary recursion fails (as fUnivKalmanFil /
+ * fMultiKalmanFil) or a view allocation fails. lik is filled also then. */
+int fKalmanExact(LgmExactModel *rec, double **y, double **work, double **store, double **states,
+                 LgmExactLik *lik);
+/* Mean pass for new data y (N x n) with the gains and variances of a store
+ * from fKalmanExact on the same model and missing pattern: rewrites the
+ * store's innovations in place (gains and variances kept) and writes the
+ * sum of squared standardised innovations to *sumsq (optional). Returns 1,
+ * or 0 when y's missing pattern differs from the store's. */
+int fKalmanExactMean(LgmExactModel *rec, double **y, int diffuse_end, double **work, double **store,
+                     double *sumsq);
+
+/* Exact state smoother: out (2(m+N) x n) column t: smoothed state (m), the
+ * smoothed signal Z alpha (N, no intercept), the diagonal of Var(alpha(t)|y)
+ * (m), the diagonal of Z Var Z' (N): the layout of LgmMomentEst's smoothed
+ * moments, from t = 0. states is the state record of the same fKalmanExact
+ * run; out may be states itself (each column is read before written).
+ * Returns 1, or 0 when its views cannot be allocated. */
+int StateSmoExact(LgmExactModel *rec, int diffuse_end, double **work, double **store,
+                  double **states, double **out);
+/* Exact disturbance smoother: out (2(m+N) x n) column t: the smoothed
+ * disturbances (state m, then observation N), then the diagonal of their
+ * conditional variance (not the reduction). Returns 1, or 0 when its views
+ * cannot be allocated. */
+int DistSmoExact(LgmExactModel *rec, int diffuse_end, double **work, double **store, double **out);
+/* Fast smoother (means only, no variances, no state record): out
+ * ((2m+N) x n) column t: the smoothed state (m), then the smoothed
+ * disturbances (m+N). */
+void QuickStateSmo(LgmExactModel *rec, int diffuse_end, double **work, double **store,
+                   double **out);
+
+/* Factors F with F F' = V of the initial and disturbance variances for the
+ * draws: fac ((m+N)(m+N+1)/2 x (n+1), lower triangles packed row by row)
+ * column 0 the proper initial variance P_* (m(m+1)/2 values), column t+1
+ * VarMat at time t. Positive semi-definite matrices of any rank are
+ * accepted (semidefinite Cholesky: a pivot at most 1e-13 of the largest
+ * diagonal is taken as 0 with its column). Returns 1, or 0 on a matrix that
+ * is not positive semi-definite. */
+int fLgmVarFactors(LgmExactModel *rec, double **work, double **fac);
+/* Unconditional draw from standard normals z ((m+N) x (n+1): column 0 rows
+ * 0..m-1 for the initial state, column t+1 for the disturbances of time t)
+ * into out (2(m+N) x n): column t holds alpha(t) (m), the disturbances of
+ * time t (m+N) and y(t) (N). Diffuse initial elements are held at their
+ * given mean (a0). fac from fLgmVarFactors. */
+void LgmDraw(LgmExactModel *rec, double **fac, double **z, double **out);
+/* Prepares the simulation smoother from a store of fKalmanExact on y: wgt
+ * (wgt_rows x (n+1)): rows 0..2m+N-1, columns 0..n-1 the smoothed means
+ * (QuickStateSmo's layout); then the factors of fLgmVarFactors. Returns 1,
+ * or 0 as fLgmVarFactors. */
+int SimSmoWgtExact(LgmExactModel *rec, int diffuse_end, double **work, double **store,
+                   double **wgt);
+/* One draw of states and disturbances from their exact conditional
+ * distribution given y (the initial state included) by mean correction: an
+ * unconditional draw (LgmDraw from z) with y's missing pattern is smoothed
+ * with the same gains, and out = wgt's means + draw - smoothed draw. The
+ * diffuse initial value of the draw cancels: the exact smoother reproduces
+ * any shift along the diffuse directions (a flat prior), so draw minus its
+ * smoothed mean does not depend on it. out ((2m+N) x n) as QuickStateSmo;
+ * scratch (draw_rows x n). The store's innovations are overwritten (its
+ * gains are not). Affine in z. Returns 1, or 0 (store inconsistent). */
+int SimSmoDrawExact(LgmExactModel *rec, int diffuse_end, double **work, double **store,
+                    double **wgt, double **z, double **scratch, double **out);
+
+/* Bootstrap replicate of y (N x n) from a store of fKalmanExact on y. out
+ * (2N x n): rows N..2N-1 receive the standardised innovations e(t) = R' v(t)
+ * (R R' = F(t)^-1 over the observed elements; NaN where missing and in the
+ * diffuse period); rows 0..N-1 the replicate: y itself for t < diffuse_end,
+ * then, through the innovations form of the filter (a(t+1) = T a + c + K v,
+ * y*(t) = Z a + d + v), the innovations v*(t) = R'^-1 e*(t) with e*_i(t) =
+ * the standardised innovation at flat position src[t N + i] (= s N + k:
+ * series k at time s, observed, s >= diffuse_end), for each observed element
+ * at t >= diffuse_end (other entries of src are ignored); NaN where y is
+ * missing. Returns 1, or 0 when src names a position outside that pool or
+ * the store does not match y. */
+int LgmBootstrap(LgmExactModel *rec, double **y, int diffuse_end, double **work, double **store,
+                 const int *src, double **out);
+
 #ifdef __cplusplus
 }
 #endif

@@ -200,7 +200,11 @@ TEST(SharedLibrary, ExportsExactlyTheDocumentedNames) {
         "MultiDisturbSmo", "UnivDisturbSmo", "MultiStateSmo", "UnivStateSmo", "fMultiStatePred",
         "fUnivStatePred", "iMultiSimSmoWgt", "iUnivSimSmoWgt", "MultiSimSmoDraw", "UnivSimSmoDraw",
         "LgmSignalSmo", "fMultiWeightPred", "fUnivWeightPred", "fMultiWeightFil", "fUnivWeightFil",
-        "fMultiWeightSmo", "fUnivWeightSmo", "fGetLgmUnivArma", "fGetLgmUnivStsm"};
+        "fMultiWeightSmo", "fUnivWeightSmo", "fGetLgmUnivArma", "fGetLgmUnivStsm",
+        // exact initial routines
+        "LgmExactOpen", "LgmExactClose", "LgmExactSizes", "IKalmanInitial", "fKalmanExact",
+        "fKalmanExactMean", "StateSmoExact", "DistSmoExact", "QuickStateSmo", "fLgmVarFactors",
+        "LgmDraw", "SimSmoWgtExact", "SimSmoDrawExact", "LgmBootstrap"};
     const std::string lib = TESSEL_LIBRARY_FILE;
     const auto exported = lines_of(
         run("nm -D --defined-only --format=posix " + lib + " | awk '$2 ~ /[TDBRV]/ {print $1}'"));
