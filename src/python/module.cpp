@@ -268,6 +268,8 @@ void set_registered(PyObject *&slot, py::object obj) {
 
 }  // namespace
 
+void register_exact(py::module_ &m, std::shared_ptr<void> (*acquire)());  // exact_binding.cpp
+
 PYBIND11_MODULE(_tessel, m) {
     m.doc() =
         "Compiled bridge between Python and the Tessel host runtime (use the tessel package).";
@@ -335,5 +337,6 @@ PYBIND11_MODULE(_tessel, m) {
         "load_library", [] { host_guarded([] { zu::load_library(); }); },
         "Opens the library now (raises the host error when it cannot be loaded).");
 
+    register_exact(m, [] { return std::shared_ptr<void>(std::make_shared<HostLock>()); });
     zu::set_message_sink(&deliver_message);
 }
