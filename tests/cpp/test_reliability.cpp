@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <deque>
@@ -25,6 +26,7 @@
 #include <vector>
 
 #include "tessel/host.hpp"
+#include "tessel/tessel.h"
 #include "test_util.h"
 
 namespace {
@@ -551,6 +553,98 @@ TEST(AllocationSweepCoverage, EveryEntryPointHasACase) {
                                        "LgmCondDens",  "LgmWeights", "GetLgmArma",   "GetLgmStsm",
                                        "GetLgmReg",    "AddLgmReg",  "GetLgmSpline"};
     EXPECT_EQ(covered, all);
+}
+
+// ------------------------------------------------ the exact initial routines
+// The exact pipeline (open, filter with store and state record, the three
+// smoothers, the simulation smoother, draws, bootstrap) through every
+// allocation failure it meets: each ends in a 0 status with nothing live,
+// and the run that meets none gives the undisturbed results bit for bit.
+
+struct Dense {
+    std::vector<double> v;
+    std::vector<double *> r;
+    Dense(int rows, int cols, const std::vector<double> &x = {})
+        : v(x.empty() ? std::vector<double>(std::size_t(rows) * cols, 0.0) : x), r(rows) {
+        for (int i = 0; i < rows; ++i) r[i] = v.data() + std::size_t(i) * cols;
+    }
+    double **get() { return r.data(); }
+};
+
+// Number of steps that reported a failure; every output appended to out.
+int exact_pipeline(int N, bool tv, std::vector<double> &out) {
+    const int m = 2, n = 9, p = m + N;
+    std::vector<double> sys = {1, 1, 0, 1, 1, 0}, var(p * p, 0.0), y;
+    if (N == 2) sys.insert(sys.end(), {0.5, 1});
+    for (int i = 0; i < p; ++i) var[i * p + i] = 0.3 + 0.2 * i;
+    var[1 * p + m] = var[m * p + 1] = 0.05;  // state noise correlated with the observation's
+    for (int i = 0; i < N; ++i)
+        for (int t = 0; t < n; ++t)
+            y.push_back((t == 2 + i || (N == 2 && t == 5)) ? kNaN : 0.4 * t - 0.3 * i * t);
+    Dense S(p, m, sys), V(p, p, var), Y(N, n, y), idx(p, m, std::vector<double>(p * m, -1.0));
+    Dense tvd(1, n, std::vector<double>(n, 0.0));
+    for (int t = 0; t < n; ++t) tvd.v[t] = 1.0 + 0.1 * t;
+    idx.v[m * m] = 0;  // Z[0][0] from TvData row 0
+    LgmExactModel rec;
+    if (!LgmExactOpen(&rec, N, m, n, S.get(), V.get(), nullptr, nullptr, tv ? idx.get() : nullptr,
+                      nullptr, nullptr, tv ? tvd.get() : nullptr, tv ? 1 : 0))
+        return 1;
+    struct Closer {
+        LgmExactModel *r;
+        ~Closer() { LgmExactClose(r); }
+    } closer{&rec};
+    LgmExactSize sz;
+    LgmExactSizes(&rec, &sz);
+    Dense work(sz.work_rows, sz.work_cols), store(sz.store_rows, n), states(sz.state_rows, n),
+        smo(2 * p, n), dist(2 * p, n), quick(2 * m + N, n), wgt(sz.wgt_rows, n + 1),
+        scratch(sz.draw_rows, n), draw(2 * m + N, n), z(p, n + 1), boot(2 * N, n);
+    for (std::size_t k = 0; k < z.v.size(); ++k) z.v[k] = std::sin(1.0 + k);
+    std::vector<int> src(n * N);
+    for (int k = 0; k < n * N; ++k) src[k] = k;
+    LgmExactLik lik;
+    if (!fKalmanExact(&rec, Y.get(), work.get(), store.get(), states.get(), &lik)) return 1;
+    const int td = lik.diffuse_end;
+    int fails = !StateSmoExact(&rec, td, work.get(), store.get(), states.get(), smo.get());
+    fails += !DistSmoExact(&rec, td, work.get(), store.get(), dist.get());
+    QuickStateSmo(&rec, td, work.get(), store.get(), quick.get());
+    fails += !LgmBootstrap(&rec, Y.get(), td, work.get(), store.get(), src.data(), boot.get());
+    fails += !SimSmoWgtExact(&rec, td, work.get(), store.get(), wgt.get());
+    fails += !SimSmoDrawExact(&rec, td, work.get(), store.get(), wgt.get(), z.get(), scratch.get(),
+                              draw.get());
+    out.push_back(lik.loglik);
+    for (const Dense *d : {&smo, &dist, &quick, &boot, &draw})
+        out.insert(out.end(), d->v.begin(), d->v.end());
+    return fails;
+}
+
+TEST(ExactRoutines, EveryAllocationFailureEndsInAZeroStatusAndLeavesNothing) {
+    for (int N : {1, 2})
+        for (bool tv : {false, true}) {
+            SCOPED_TRACE("N = " + std::to_string(N) + (tv ? ", time-varying" : ""));
+            std::vector<double> ref;
+            ASSERT_EQ(exact_pipeline(N, tv, ref), 0);
+            long k = 1;
+            for (; k < 500; ++k) {
+                const long before = zu::live_allocations().total();
+                std::vector<double> got;
+                zu::fail_allocation(k);
+                const int fails = exact_pipeline(N, tv, got);
+                const bool delivered = zu::injected_failure_delivered();
+                zu::fail_allocation(0);
+                EXPECT_EQ(zu::live_allocations().total(), before) << "failing allocation " << k;
+                if (!delivered) {
+                    EXPECT_EQ(fails, 0);
+                    ASSERT_EQ(got.size(), ref.size());
+                    for (std::size_t i = 0; i < got.size(); ++i)
+                        ASSERT_TRUE(got[i] == ref[i] || (got[i] != got[i] && ref[i] != ref[i]))
+                            << "output " << i;
+                    break;
+                }
+                EXPECT_GT(fails, 0) << "failing allocation " << k << " went unreported";
+            }
+            EXPECT_GT(k, 1);
+            EXPECT_LT(k, 500);
+        }
 }
 
 }  // namespace
