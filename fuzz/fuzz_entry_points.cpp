@@ -6,7 +6,8 @@
 // the call - is a finding.
 //
 // Input layout (every read past the end yields zeros, so any input decodes):
-//   byte 0   entry point (index into kEntries, modulo 19)
+//   byte 0   entry point (index into kEntries, modulo 20; the last slot is
+//            the exact initial routines, called natively, see exact_pipeline)
 //   byte 1   form: low two bits 0 = raw argument list, else a model-shaped
 //            argument list for the entry points that take a model block
 //   then     the arguments, each decoded by Decoder below.
@@ -40,6 +41,7 @@
 #include <vector>
 
 #include "tessel/host.hpp"
+#include "tessel/tessel.h"
 
 namespace {
 
@@ -49,7 +51,7 @@ const char *const kEntries[] = {"LgmVersion",   "LgmAbout",   "LgmWarning",   "K
                                 "LgmLik",       "LgmLikConc", "LgmRecursion", "KalmanSmo",
                                 "LgmMomentEst", "LgmLikSco",  "SimSmoWgt",    "SimSmoDraw",
                                 "LgmCondDens",  "LgmWeights", "GetLgmArma",   "GetLgmStsm",
-                                "GetLgmReg",    "AddLgmReg",  "GetLgmSpline"};
+                                "GetLgmReg",    "AddLgmReg",  "GetLgmSpline", "exact"};
 constexpr int kEntryCount = sizeof kEntries / sizeof kEntries[0];
 
 constexpr long kMaxElements = 2048;
@@ -427,6 +429,73 @@ void bound_costs(const std::string &name, std::vector<Value> &args) {
     }
 }
 
+// The exact initial routines on a model of the shapes their contract asks
+// for, with decoded values (NaN, infinities, huge and tiny numbers, zero and
+// indefinite variances, index entries up to one past TvData's rows): every
+// routine of the pipeline runs on what the filter left, whatever it
+// reported.
+template <class F>
+F exact_routine(const char *name) {
+    F f = reinterpret_cast<F>(zu::find_symbol(name));
+    if (!f) {
+        std::fprintf(stderr, "fuzz: %s not exported\n", name);
+        std::abort();
+    }
+    return f;
+}
+
+void exact_pipeline(Decoder &d) {
+    static const auto open = exact_routine<decltype(&LgmExactOpen)>("LgmExactOpen");
+    static const auto close = exact_routine<decltype(&LgmExactClose)>("LgmExactClose");
+    static const auto sizes = exact_routine<decltype(&LgmExactSizes)>("LgmExactSizes");
+    static const auto filter = exact_routine<decltype(&fKalmanExact)>("fKalmanExact");
+    static const auto state = exact_routine<decltype(&StateSmoExact)>("StateSmoExact");
+    static const auto dist = exact_routine<decltype(&DistSmoExact)>("DistSmoExact");
+    static const auto quick = exact_routine<decltype(&QuickStateSmo)>("QuickStateSmo");
+    static const auto wgt = exact_routine<decltype(&SimSmoWgtExact)>("SimSmoWgtExact");
+    static const auto draw = exact_routine<decltype(&SimSmoDrawExact)>("SimSmoDrawExact");
+    static const auto boot = exact_routine<decltype(&LgmBootstrap)>("LgmBootstrap");
+    const int N = 1 + d.u8() % 3, m = 1 + d.u8() % 4, n = d.u8() % 12, p = m + N;
+    const int tvrows = 1 + d.u8() % 3;
+    Value y = d.matrix(N, n), sys = d.matrix(p, m), var = d.matrix(p, p), init = d.matrix(m + 1, m),
+          mean = d.matrix(p, 1), tv = d.matrix(tvrows, n);
+    Value idx[3] = {Value::matrix(p, m), Value::matrix(p, p), Value::matrix(p, 1)};
+    for (Value &x : idx)
+        for (int r = 0; r < x.rows(); ++r)
+            for (int c = 0; c < x.cols(); ++c) {
+                const std::uint8_t e = d.u8();
+                x.at(r, c) = e < 200 ? -1.0 : static_cast<double>(e % (tvrows + 1));
+            }
+    const std::uint8_t parts = d.u8();
+    auto part = [&](int bit, Value &v) { return (parts >> bit & 1) ? v.data() : nullptr; };
+    LgmExactModel rec;
+    if (!open(&rec, N, m, n, sys.data(), var.data(), part(0, init), part(1, mean), part(2, idx[0]),
+              part(3, idx[1]), part(4, idx[2]), part(5, tv), (parts >> 5 & 1) ? tvrows : 0))
+        return;
+    LgmExactSize sz;
+    sizes(&rec, &sz);
+    const int cols = n > 0 ? n : 1;
+    Value work = Value::matrix(sz.work_rows, sz.work_cols),
+          store = Value::matrix(sz.store_rows, cols), states = Value::matrix(sz.state_rows, cols),
+          out = Value::matrix(2 * p, cols), w = Value::matrix(sz.wgt_rows, n + 1),
+          scratch = Value::matrix(sz.draw_rows, cols), z = d.matrix(p, n + 1),
+          b = Value::matrix(2 * N, cols);
+    std::vector<int> src(static_cast<std::size_t>(n) * N);
+    for (std::size_t k = 0; k < src.size(); ++k) src[k] = static_cast<int>(k);
+    LgmExactLik lik;
+    if (filter(&rec, y.data(), work.data(), store.data(), states.data(), &lik)) {
+        const int td = lik.diffuse_end;
+        state(&rec, td, work.data(), store.data(), states.data(), out.data());
+        dist(&rec, td, work.data(), store.data(), out.data());
+        quick(&rec, td, work.data(), store.data(), out.data());
+        boot(&rec, y.data(), td, work.data(), store.data(), src.data(), b.data());
+        if (wgt(&rec, td, work.data(), store.data(), w.data()))
+            draw(&rec, td, work.data(), store.data(), w.data(), z.data(), scratch.data(),
+                 out.data());
+    }
+    close(&rec);
+}
+
 void discard_message(const char *) {}
 
 // The library's message switch; it must stay 0 (see the top of this file).
@@ -471,8 +540,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         const std::string name = kEntries[d.u8() % kEntryCount];
         const std::uint8_t form = d.u8();
         Call c;
+        const bool exact = name == "exact";
         try {
-            if (name == "LgmWarning") {
+            if (exact) {
+                exact_pipeline(d);  // native calls, not an entry point
+            } else if (name == "LgmWarning") {
                 // Never silence messages (see the top of this file).
                 if (form % 4 != 0) c.args.push_back(Value::integer(1 + d.u8() % 4));
             } else if (form % 4 == 0) {
@@ -489,9 +561,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         }
         zu::set_seed(12345);
         try {
-            Value r = zu::call(name, c.args);
-            check_value(r, "return value");
-            for (const Value &v : c.vars) check_value(v, "reference target");
+            if (!exact) {
+                Value r = zu::call(name, c.args);
+                check_value(r, "return value");
+                for (const Value &v : c.vars) check_value(v, "reference target");
+            }
         } catch (const zu::Error &) {
             // a host error is a proper end of a call
         }
