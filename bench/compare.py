@@ -11,6 +11,10 @@ Workloads (data simulated from each model, 1% of the values missing):
                   (LgmCondDens 2), structural model, n=1e4
   growth          local level log-likelihood for n = 1e3 .. 1e7: time per step
                   and peak memory (child process per size)
+  exact           the exact initial filter (log-likelihood, the four models
+                  above) and state smoother (structural, N=5) against
+                  statsmodels' exact diffuse initialisation, with the
+                  filter's time per step over LgmLik's on the same data
 
 Peers: statsmodels' low-level KalmanFilter / KalmanSmoother /
 SimulationSmoother, and for single series R's KalmanLike through Rscript
@@ -160,7 +164,10 @@ def sm_setup(cls, y, sys, var, kappa, **kw):
     mod["transition"] = sys[:m]
     mod["selection"] = np.eye(m)
     mod["state_cov"] = var[:m, :m]
-    mod.initialize_approximate_diffuse(kappa)
+    if kappa is None:
+        mod.initialize("diffuse")  # exact diffuse
+    else:
+        mod.initialize_approximate_diffuse(kappa)
     return mod
 
 
@@ -349,6 +356,55 @@ def simulation_section(table, rng, repeat):
               f"mean sq. std. deviation Tessel {q_t:.3f}, statsmodels {q_sm:.3f}")
 
 
+def exact_section(table, rng, repeat, rtol):
+    """The exact routines (tessel._exact) against statsmodels' exact diffuse
+    filter and smoother. Log-likelihoods: ours is statsmodels' + (d/2) log
+    2 pi. The ratio to LgmLik on the same data (both start every state
+    diffuse; both called on prepared arrays, the exact filter through its
+    binding without tessel._exact's checks of the data) is the exact
+    filter's cost per step after its few diffuse steps, where it runs
+    LgmLik's own recursion."""
+    from tessel import _exact
+    print("\n== exact diffuse initialisation (Tessel fKalmanExact / StateSmoExact; statsmodels "
+          "exact diffuse KalmanFilter.loglike / KalmanSmoother.smooth)")
+    for name, build, n in [("exact loglik local level", local_level, 100_000),
+                           ("exact loglik structural m=13", basic_structural, 10_000),
+                           ("exact loglik ARMA(2,1)", arma21, 100_000),
+                           ("exact loglik N=5 series, m=10", multivariate, 10_000),
+                           ("exact smooth structural m=13", basic_structural, 10_000),
+                           ("exact smooth N=5 series, m=10", multivariate, 10_000)]:
+        sys_, var = build(rng)
+        y = simulate(sys_, var, n, rng)
+        m = sys_.shape[1]
+        model = tessel.Model(sys_, var)
+        if "loglik" in name:
+            ll, s2 = tessel.Ref(), tessel.Ref()
+            # Alternated, so that a change of load meets both alike.
+            parts = _exact._parts(model, n)
+            pairs = [(median_time(lambda: _exact._tessel.exact_filter(parts, y)[0]["loglik"], 1),
+                      median_time(lambda: tessel.call("LgmLik", ll, s2, y, sys_, var), 1)[0])
+                     for _ in range(repeat)]
+            t_t, ll_t = statistics.median(p[0][0] for p in pairs), pairs[0][0][1]
+            t_lgm = statistics.median(p[1] for p in pairs)
+            kf = sm_setup(KalmanFilter, y, sys_, var, None)
+            kf.conserve_memory = MEMORY_CONSERVE
+            t_sm, ll_sm = median_time(kf.loglike, repeat)
+            rel = abs(ll_t - ll_sm - 0.5 * m * np.log(TWO_PI)) / abs(ll_t)
+            table.add(name, n, t_t, {"statsmodels": t_sm}, rel <= rtol,
+                      f"{t_t / t_lgm:.2f} x LgmLik; rel diff {rel:.1e}")
+        else:
+            t_t, sm = median_time(lambda: _exact.smoothed(y.T, model), repeat)
+            ks = sm_setup(KalmanSmoother, y, sys_, var, None,
+                          smoother_output=SMOOTHER_STATE | SMOOTHER_STATE_COV)
+            t_sm, res = median_time(ks.smooth, repeat)
+            st, vr = np.asarray(sm.state).T, np.asarray(sm.state_var).T
+            svr = np.diagonal(res.smoothed_state_cov, axis1=0, axis2=1).T
+            # From t = 0: no kappa on either side.
+            d = max(float(np.max(np.abs(st - res.smoothed_state) / (1 + np.abs(st)))),
+                    float(np.max(np.abs(vr - svr) / (1 + np.abs(vr)))))
+            table.add(name, n, t_t, {"statsmodels": t_sm}, d < 1e-8, f"max diff {d:.1e}")
+
+
 GROWTH_CHILD = textwrap.dedent("""
     import sys, numpy as np, tessel
     n = int(sys.argv[1])
@@ -428,7 +484,7 @@ def main():
                     help="relative agreement required of the log-likelihoods")
     ap.add_argument("--skip-growth", action="store_true")
     ap.add_argument("--max-n", type=float, default=1e7, help="largest n of the growth run")
-    ap.add_argument("--only", default="", help="comma list of sections: loglik,smooth,sim,growth")
+    ap.add_argument("--only", default="", help="comma list of sections: loglik,smooth,sim,exact,growth")
     args = ap.parse_args()
     only = set(filter(None, args.only.split(",")))
 
@@ -442,6 +498,8 @@ def main():
         smoothing_section(table, rng, args.repeat)
     if not only or "sim" in only:
         simulation_section(table, rng, args.repeat)
+    if not only or "exact" in only:
+        exact_section(table, rng, args.repeat, args.rtol)
     linear = True
     if (not only or "growth" in only) and not args.skip_growth:
         linear = growth_section(args.repeat, int(args.max_n))
