@@ -126,7 +126,18 @@ struct Record {
             dims[k][0] = static_cast<int>(a.shape(0));
             dims[k][1] = static_cast<int>(a.shape(1));
         }
-        const int m = dims[0][1], N = dims[0][0] - m;
+        const int m = dims[0][1], N = dims[0][0] - m, p = dims[0][0];
+        // The routines trust the shapes they are given: check them here.
+        const int want[8][2] = {{p, m}, {p, p}, {m + 1, m}, {p, 1},
+                                {p, m}, {p, p}, {p, 1},     {dims[7][0], n}};
+        static const char *const names[8] = {"sys",    "var",    "init",    "mean",
+                                             "sysidx", "varidx", "meanidx", "tvdata"};
+        if (!part[0] || !part[1] || m < 1 || N < 1)
+            throw py::value_error("model: sys must be (m+N) x m with m, N >= 1, and var given");
+        for (int k = 1; k < 8; ++k)
+            if (part[k] && (dims[k][0] != want[k][0] || dims[k][1] < want[k][1] ||
+                            (k < 7 && dims[k][1] != want[k][1])))
+                throw py::value_error(std::string("model: ") + names[k] + " has the wrong shape");
         if (!api().open(&rec, N, m, n, part[0], part[1], part[2], part[3], part[4], part[5],
                         part[6], part[7], dims[7][0]))
             throw py::value_error(
