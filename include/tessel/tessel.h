@@ -373,6 +373,13 @@ int DistSmoExact(LgmExactModel *rec, int diffuse_end, double **work, double **st
 void QuickStateSmo(LgmExactModel *rec, int diffuse_end, double **work, double **store,
                    double **out);
 
+/* Score of the exact log-likelihood with respect to VarMat: S ((m+N) x
+ * (m+N)) = the sum over time of u~ u~' - D~ (the smoothing cumulant of the
+ * joint vector and its variance; in the diffuse period their kappa^0
+ * parts), so that d loglik = tr(S dVarMat) / 2 as for LgmLikSco, VarMat
+ * fixed over time. Returns 1, or 0 when its views cannot be allocated. */
+int fLgmExactScore(LgmExactModel *rec, int diffuse_end, double **work, double **store, double **S);
+
 /* Factors F with F F' = V of the initial and disturbance variances for the
  * draws: fac ((m+N)(m+N+1)/2 x (n+1), lower triangles packed row by row)
  * column 0 the proper initial variance P_* (m(m+1)/2 values), column t+1

@@ -22,7 +22,7 @@ import numpy as np
 
 from . import _lowlevel
 from .analysis import (
-    Disturbances, LogLik, Moments, _Data, _check_model, _generator, state_names,
+    Disturbances, LogLik, Moments, Score, _Data, _check_model, _generator, state_names,
 )
 from .model import ModelError, NumericalError
 
@@ -116,6 +116,16 @@ def loglik_concentrated(y, model):
     s2 = lik["sumsq"] / cnt
     ll = -0.5 * (cnt * np.log(2.0 * np.pi) + lik["logdet"] + cnt * (np.log(s2) + 1.0))
     return LogLik(ll, s2, cnt)
+
+
+def score(y, model):
+    """Exact log-likelihood and its score with respect to ``var``
+    (fLgmExactScore): ``matrix`` S with d loglik = tr(S dV) / 2, as
+    :func:`tessel.analysis.score`."""
+    data, parts = _prepare(y, model, "score")
+    lik, S = _tessel.exact_smooth(parts, data.values, 3)
+    _check(lik, "score")
+    return Score(lik["loglik"], lik["sumsq"] / lik["cnt"] if lik["cnt"] else np.nan, S)
 
 
 def smoothed(y, model):

@@ -331,3 +331,25 @@ TESSEL_EXPORT void QuickStateSmo(LgmExactModel *rec, int diffuse_end, double **w
         }
     }
 }
+
+TESSEL_EXPORT int fLgmExactScore(LgmExactModel *rec, int diffuse_end, double **work, double **store,
+                                 double **S) {
+    const int N = rec->N, m = rec->m, n = rec->n, p = m + N, td = diffuse_end;
+    const ExactWork w = exact_work(work, m, N);
+    Segment seg;
+    if (!seg.open(rec, td, store, nullptr, 0, nullptr)) return 0;
+    if (N == 1)
+        UnivKalmanSmo(n - td, m, rec->sys, rec->sysidx, seg.tv, w.W1, w.W2, seg.store, S, nullptr);
+    else
+        MultiKalmanSmo(N, n - td, m, rec->sys, rec->sysidx, seg.tv, w.W1, w.W2, seg.store, S,
+                       nullptr);
+    // The diffuse steps add their kappa^0 part, r0 r0' - N0 (VarMat enters
+    // the exact likelihood through P_* alone).
+    const double *r0j = w.vec[0];
+    auto at_joint = [&](int) {
+        for (int i = 0; i < p; ++i)
+            for (int j = 0; j < p; ++j) S[i][j] += r0j[i] * r0j[j] - w.N0[i][j];
+    };
+    diffuse_backward(rec, td, w, store, kDisturbances, at_joint, [](int) {});
+    return 1;
+}

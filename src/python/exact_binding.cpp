@@ -37,6 +37,7 @@ struct Api {
     decltype(&StateSmoExact) state_smo;
     decltype(&DistSmoExact) dist_smo;
     decltype(&QuickStateSmo) quick_smo;
+    decltype(&fLgmExactScore) score;
     decltype(&LgmDraw) draw;
     decltype(&fLgmVarFactors) factors;
     decltype(&SimSmoWgtExact) wgt;
@@ -61,6 +62,7 @@ const Api &api() {
         find(x.state_smo, "StateSmoExact");
         find(x.dist_smo, "DistSmoExact");
         find(x.quick_smo, "QuickStateSmo");
+        find(x.score, "fLgmExactScore");
         find(x.draw, "LgmDraw");
         find(x.factors, "fLgmVarFactors");
         find(x.wgt, "SimSmoWgtExact");
@@ -235,7 +237,8 @@ void register_exact(py::module_ &m, Acquire acquire) {
             const int p = r.rec.m + r.rec.N;
             Filtered f(r);
             Owned states(kind == 0 ? r.size.state_rows : 0, n);
-            Arr out = out_array({kind == 2 ? 2 * r.rec.m + r.rec.N : 2 * p, n});
+            Arr out = kind == 3 ? out_array({p, p})
+                                : out_array({kind == 2 ? 2 * r.rec.m + r.rec.N : 2 * p, n});
             Rows orows = rows_of(out);
             {
                 py::gil_scoped_release nogil;
@@ -247,13 +250,15 @@ void register_exact(py::module_ &m, Acquire acquire) {
                                            orows.get());
                 else if (f.ok && kind == 1)
                     f.ok = api().dist_smo(&r.rec, td, f.work.get(), f.store.get(), orows.get());
-                else if (f.ok)
+                else if (f.ok && kind == 2)
                     api().quick_smo(&r.rec, td, f.work.get(), f.store.get(), orows.get());
+                else if (f.ok)
+                    f.ok = api().score(&r.rec, td, f.work.get(), f.store.get(), orows.get());
             }
             return py::make_tuple(lik_dict(f.lik, f.ok), out);
         },
         py::arg("model"), py::arg("y"), py::arg("kind"),
-        "(lik, out): kind 0 StateSmoExact, 1 DistSmoExact, 2 QuickStateSmo.");
+        "(lik, out): kind 0 StateSmoExact, 1 DistSmoExact, 2 QuickStateSmo, 3 fLgmExactScore.");
 
     m.def(
         "exact_filter_mean",

@@ -203,8 +203,8 @@ TEST(SharedLibrary, ExportsExactlyTheDocumentedNames) {
         "fMultiWeightSmo", "fUnivWeightSmo", "fGetLgmUnivArma", "fGetLgmUnivStsm",
         // exact initial routines
         "LgmExactOpen", "LgmExactClose", "LgmExactSizes", "IKalmanInitial", "fKalmanExact",
-        "fKalmanExactMean", "StateSmoExact", "DistSmoExact", "QuickStateSmo", "fLgmVarFactors",
-        "LgmDraw", "SimSmoWgtExact", "SimSmoDrawExact", "LgmBootstrap"};
+        "fKalmanExactMean", "StateSmoExact", "DistSmoExact", "QuickStateSmo", "fLgmExactScore",
+        "fLgmVarFactors", "LgmDraw", "SimSmoWgtExact", "SimSmoDrawExact", "LgmBootstrap"};
     const std::string lib = TESSEL_LIBRARY_FILE;
     const auto exported = lines_of(
         run("nm -D --defined-only --format=posix " + lib + " | awk '$2 ~ /[TDBRV]/ {print $1}'"));
