@@ -12,8 +12,10 @@ import numpy as np
 import pytest
 
 import tessel
+from tessel import _exact
 from oracle import TWO_PI
-from zoo import BSM_SIGMAS, ZOO, assert_close, diag_rows, recursion_reference, unpack_store
+from zoo import (BSM_SIGMAS, ZOO, assert_close, diag_rows, exact_model, recursion_reference,
+                 unpack_store)
 
 # Tolerances, relative to max(1, largest |expected|) of each compared array.
 TOL = {
@@ -35,6 +37,9 @@ TOL = {
     # Central differences of the oracle log-likelihood, h = 1e-5: truncation
     # h^2 |L'''| ~ 1e-10, rounding eps |L| / h ~ 1e-9.
     "score": 1e-6,
+    # The exact routines' log-likelihood: sums of O(1) terms on both sides
+    # (measured <= 5e-16 relative).
+    "exact loglik": 1e-10,
 }
 
 
@@ -240,11 +245,16 @@ def q_score(case, ora):
     if case.varidx is not None:
         numeric[case.varidx >= 0] = np.nan
     got = np.where(np.isnan(numeric), np.nan, S.value)
+    exact = numeric.copy()  # the exact routines carry no NaN through a whole gap
     if case.N > 1 and case.whole_gaps.size:
         numeric[:] = np.nan
     lik = tessel.Ref()
     tessel.call("LgmLik", lik, tessel.Ref(), case.y, *case.args())
-    return [("score", got, numeric, "score"), ("loglik", ll.value, lik.value, "proper")]
+    out = [("score", got, numeric, "score"), ("loglik", ll.value, lik.value, "proper")]
+    if case.d and case.varidx is None:  # the exact routines' score: the same derivatives
+        out.append(("exact score", _exact.score(case.y.T, exact_model(case)).matrix, exact,
+                    "score"))
+    return out
 
 
 def q_recursion(case, ora):
@@ -260,11 +270,55 @@ def q_recursion(case, ora):
              "proper")]
 
 
+# ---------------------------------------------- exact initial routines
+# tessel._exact (fKalmanExact and its smoothers) against the oracle's exact
+# diffuse limit, from t = 0, at the tolerance of a proper start: no kappa on
+# either side (measured <= 3e-14 over the zoo).
+
+def q_exact_loglik(case, ora):
+    """Log-likelihood (without d/2 log 2 pi), scale and count, plain and
+    concentrated; innovations from the end of the diffuse period (the
+    multivariate diffuse steps take the elements one at a time) and where
+    N = 1 from t = 0."""
+    model, y = exact_model(case), case.y.T
+    res, conc = _exact.loglik(y, model), _exact.loglik_concentrated(y, model)
+    fil = _exact.kalman_filter(y, model)
+    ll, s2, cnt = ora("exact").loglik()
+    v = ora("exact").innovations()[0]
+    k = 0 if case.N == 1 else fil.diffuse_end
+    return [("loglik", (res.loglik, res.scale, res.nobs), (ll, s2, cnt), "exact loglik"),
+            ("concentrated", (conc.loglik, conc.scale), ora("exact").loglik_concentrated(),
+             "exact loglik"),
+            ("innovations", np.asarray(fil.innovations).T[:, k:], v[:, k:], "proper")]
+
+
+def q_exact_smoothed(case, ora):
+    """StateSmoExact (signal with the intercept) and QuickStateSmo's states."""
+    model, y = exact_model(case), case.y.T
+    res, fast = _exact.smoothed(y, model), _exact.fast_smoothed(y, model)
+    a, V = ora("exact").smoothed_states()
+    s, sv = ora("exact").signals("smoothed", intercept=True)
+    return [("state", np.asarray(res.state).T, a, "proper"),
+            ("state variance", np.asarray(res.state_var).T, diag_rows(V), "proper"),
+            ("signal", np.asarray(res.signal).T, s, "proper"),
+            ("signal variance", np.asarray(res.signal_var).T, diag_rows(sv), "proper"),
+            ("fast smoother", np.asarray(fast.state).T, a, "proper")]
+
+
+def q_exact_disturbances(case, ora):
+    """DistSmoExact (means and conditional variances) and QuickStateSmo's means."""
+    model, y = exact_model(case), case.y.T
+    res, fast = _exact.disturbances(y, model), _exact.fast_smoothed(y, model)
+    mean, var, _ = ora("exact").smoothed_disturbances()
+    return [("mean", np.asarray(res.mean).T, mean, "proper"),
+            ("variance", np.asarray(res.var).T, diag_rows(var), "proper"),
+            ("fast smoother", np.asarray(fast.disturbances).T, mean, "proper")]
+
+
 QUANTITIES = {f.__name__[2:]: f for f in (q_loglik, q_store, q_predicted, q_filtered, q_smoothed,
                                           q_disturbances, q_conddens, q_weights, q_score,
-                                          q_recursion)}
-# The exact initial routines add their quantities here, compared with
-# ora("exact") at the tolerances of a proper start.
+                                          q_recursion, q_exact_loglik, q_exact_smoothed,
+                                          q_exact_disturbances)}
 
 
 # Faults found and not yet fixed: the test fails until they are.
@@ -308,6 +362,15 @@ def test_exact_limit_equals_statsmodels_exact_diffuse(name, components, params):
     assert_close(mean[:eta.shape[0]], eta, 1e-8, "smoothed state disturbances")
     assert_close(mean[m], res.smoothed_measurement_disturbance[0], 1e-8, "observation disturbances")
     assert_close(var[:, m, m], res.smoothed_measurement_disturbance_cov[0, 0], 1e-8, "their variances")
+    model = exact_model(case)
+    assert _exact.loglik(case.y.T, model).loglik == pytest.approx(
+        res.llf + 0.5 * case.d * np.log(TWO_PI), rel=1e-10)
+    sm, dist = _exact.smoothed(case.y.T, model), _exact.disturbances(case.y.T, model)
+    assert_close(np.asarray(sm.state).T, res.smoothed_state, 1e-8, "exact smoothed states")
+    assert_close(np.asarray(sm.state_var), np.einsum("iit->ti", res.smoothed_state_cov), 1e-8,
+                 "exact smoothed state variances")
+    assert_close(np.asarray(dist.mean)[:, m], res.smoothed_measurement_disturbance[0], 1e-8,
+                 "exact observation disturbances")
 
 
 @pytest.mark.parametrize("name", [k for k in ZOO if ZOO[k]().d])
@@ -327,3 +390,34 @@ def test_kappa_mode_tends_to_the_exact_limit(name):
     case.model.kappa = 2e6
     for k, (a, b, w) in enumerate(zip(lo, values(case.oracle()), want)):
         assert_close(2 * b - a, w, 1e-9, f"item {k}")
+
+
+@pytest.mark.parametrize("c", [1e-8, 1e-3, 1e3, 1e8])
+@pytest.mark.parametrize("name", ["nile", "air_passengers", "multi_trend", "state_units"])
+def test_exact_results_do_not_depend_on_the_units(name, c):
+    """y times c and every variance times c^2: the exact log-likelihood
+    moves by -cnt log c and the smoothed states scale by c, to rounding
+    (1e-9 relative): Nile local level, log air passengers structural model,
+    a two-series model. state_units: the states of trend_diffuse in units c
+    times smaller (Z / c, state variances c^2, y as it is), which moves the
+    diffuse tests' scale: states times c, log-likelihood + d log c (the flat
+    prior's measure)."""
+    if name in ("multi_trend", "state_units"):
+        case = ZOO["trend_diffuse" if name == "state_units" else name]()
+        model, y = exact_model(case), case.y.T
+    else:
+        y = tessel.load_example(name).to_numpy(dtype=float)
+        y = np.log(y) if name == "air_passengers" else y
+        model = tessel.Model(ZOO["bsm"]().sys, ZOO["bsm"]().var * 1e-3) if name != "nile" else \
+            tessel.Model([[1.0], [1.0]], np.diag([1469.1, 15099.0]))
+    base = _exact.loglik(y, model)
+    if name == "state_units":
+        s = np.r_[np.full(model.m, c), np.ones(model.N)]
+        z = np.r_[np.ones(model.m), np.full(model.N, 1 / c)]
+        yc, other = y, model.replace(sys=model.sys * z[:, None], var=model.var * np.outer(s, s))
+        shift = case.d * np.log(c)
+    else:
+        yc, other, shift = y * c, model.replace(var=model.var * c * c), -base.nobs * np.log(c)
+    assert _exact.loglik(yc, other).loglik == pytest.approx(base.loglik + shift, rel=1e-9)
+    a, b = (np.asarray(_exact.smoothed(x, mod).state) for x, mod in ((y, model), (yc, other)))
+    assert_close(b / c, a, 1e-9, "smoothed states")

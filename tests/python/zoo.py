@@ -176,6 +176,17 @@ ZOO = {f.__name__: f for f in (level_proper, trend_diffuse, arma_proper, known_l
 
 # ------------------------------------------------------------------ helpers
 
+def exact_model(case):
+    """The case as a tessel.Model (InitMat's variance read from its lower
+    triangle and index entries truncated, as the library reads them)."""
+    parts = {k: np.trunc(v) if k.endswith("idx") else np.asarray(v, float)
+             for k, v in case.parts.items() if v is not None}
+    if "init" in parts:
+        P = np.tril(parts["init"][:case.m])
+        parts["init"] = np.vstack([P + np.tril(P, -1).T, parts["init"][case.m:]])
+    return tessel.Model(case.sys, case.var, **parts)
+
+
 def call_refs(name, *args, refs=3):
     """(return value, values of `refs` references appended to the arguments)."""
     out = [tessel.Ref() for _ in range(refs)]
