@@ -336,10 +336,14 @@ int IKalmanInitial(int m, double **init, double *a, double **P, int *diffuse);
 
 /* Exact initial Kalman filter over y (N x n, NaN = missing). store
  * (optional) receives the exact store, states (optional) the state record;
- * lik (required) the likelihood pieces. A diffuse F_inf counts as zero when
- * it is at most 1e-10 ||Z_i||^2 s, and the diffuse period ends when every
- * element of P_inf is at most 1e-10 s, s the largest diagonal element of
- * P_inf met so far (so both tests are free of the units of the data).
+ * lik (required) the likelihood pieces. With s_k the largest P_inf[k][k]
+ * met so far, F_inf of series i counts as zero when it is at most
+ * 1e-10 sum_k Z[i][k]^2 s_k, and the diffuse period ends when every
+ * P_inf[k][k] is at most 1e-10 s_k (P_inf is then set to zero): both tests
+ * are free of the units of the data and of each state, except that a
+ * state whose diffuse part the transition shrinks below 1e-10 of its
+ * largest earlier value (states in units some 1e8 apart) counts as
+ * resolved.
  * Returns 1; 0 when P_inf has not vanished by the last time point (the data
  * do not determine every diffuse element), on a negative F_* in the diffuse
  * period, when the ordinary recursion fails (as fUnivKalmanFil /

@@ -10,7 +10,7 @@
 namespace tessel {
 
 // Tolerance of the diffuse tests (F_inf and P_inf relative to the largest
-// diagonal of P_inf met so far, see fKalmanExact).
+// diagonals of P_inf met so far, see fKalmanExact).
 constexpr double kDiffuseTol = 1e-10;
 // A pivot at most this share of the largest diagonal is a zero pivot of a
 // positive semi-definite matrix.

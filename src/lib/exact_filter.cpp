@@ -156,14 +156,16 @@ TESSEL_EXPORT int fKalmanExact(LgmExactModel *rec, double **y, double **work, do
     StepFrame frame;
     build_pattern(frame, rec->sys, rec->sysidx, p, m, rec->var, rec->varidx);
 
-    // s: the largest diagonal of P_inf met so far, the scale of the tests.
-    double s = 1.0;
+    // sP[k]: the largest P_inf[k][k] met so far, the scale of the tests
+    // (in the units of state k, so that the tests do not depend on them).
+    double *sP = w.vec[4];
+    for (int k = 0; k < m; ++k) sP[k] = rec->diffuse[k];
     bool diffuse = rec->d > 0;
     int t = 0;
     for (; t < n && diffuse; ++t) {
         exact_time_varying(rec, t, true, true, true);
         if (states) record_state(m, p, t, W1, Pi, states);
-        for (int k = 0; k < m; ++k) s = std::fmax(s, Pi[k][k]);
+        for (int k = 0; k < m; ++k) sP[k] = std::fmax(sP[k], Pi[k][k]);
         diffuse_prior(frame, rec, w);
         if (states)
             for (int i = 0; i < N; ++i) {
@@ -186,14 +188,15 @@ TESSEL_EXPORT int fKalmanExact(LgmExactModel *rec, double **y, double **work, do
             }
             ++lik->nobs;
             const double v = y[i][t] - x[j], Fi = Pi[j][j], Fs = W1[j][j];
-            double zz = 0.0;
-            for (int k = 0; k < m; ++k) zz += rec->sys[j][k] * rec->sys[j][k];
+            // The largest Z_i P_inf Z_i' the diffuse elements could give.
+            double scale = 0.0;
+            for (int k = 0; k < m; ++k) scale += rec->sys[j][k] * rec->sys[j][k] * sP[k];
             for (int k = 0; k < na; ++k) {
                 const int jk = joint_index(m, i, k);
                 Mi[k] = Pi[jk][j];
                 Ms[k] = W1[jk][j];
             }
-            if (Fi > kDiffuseTol * zz * s) {
+            if (scale > 0.0 && Fi > kDiffuseTol * scale) {
                 for (int k = 0; k < na; ++k) {
                     K0[k] = Mi[k] / Fi;
                     K1[k] = (Ms[k] - K0[k] * Fs) / Fi;
@@ -245,10 +248,10 @@ TESSEL_EXPORT int fKalmanExact(LgmExactModel *rec, double **y, double **work, do
             }
         }
         for (int k = 0; k < m; ++k) a[k] = x[k];
-        double big = 0.0;
-        for (int k = 0; k < m; ++k)
-            for (int l = 0; l < m; ++l) big = std::fmax(big, std::fabs(Pi[k][l]));
-        diffuse = !(big <= kDiffuseTol * s);
+        // P_inf is positive semi-definite: a vanishing diagonal carries its
+        // rows with it.
+        diffuse = false;
+        for (int k = 0; k < m; ++k) diffuse |= !(Pi[k][k] <= kDiffuseTol * sP[k]);
     }
     lik->diffuse_end = t;
     if (diffuse) return finish(0);  // P_inf still there at the end

@@ -44,6 +44,8 @@ TOL = {
 
 
 def tol_key(case):
+    if hasattr(case, "tol"):
+        return case.tol
     return "proper" if not case.d else "kappa multi" if 1 < case.N and case.d < case.N else "kappa"
 
 
@@ -250,7 +252,8 @@ def q_score(case, ora):
         numeric[:] = np.nan
     lik = tessel.Ref()
     tessel.call("LgmLik", lik, tessel.Ref(), case.y, *case.args())
-    out = [("score", got, numeric, "score"), ("loglik", ll.value, lik.value, "proper")]
+    out = [("score", got, numeric, getattr(case, "tol", "score")),
+           ("loglik", ll.value, lik.value, "proper")]
     if case.d and case.varidx is None:  # the exact routines' score: the same derivatives
         out.append(("exact score", _exact.score(case.y.T, exact_model(case)).matrix, exact,
                     "score"))
@@ -398,26 +401,32 @@ def test_exact_results_do_not_depend_on_the_units(name, c):
     """y times c and every variance times c^2: the exact log-likelihood
     moves by -cnt log c and the smoothed states scale by c, to rounding
     (1e-9 relative): Nile local level, log air passengers structural model,
-    a two-series model. state_units: the states of trend_diffuse in units c
-    times smaller (Z / c, state variances c^2, y as it is), which moves the
-    diffuse tests' scale: states times c, log-likelihood + d log c (the flat
-    prior's measure)."""
+    a two-series model. state_units: the states of multi_diffuse_late in
+    units c, c^2, c^3 (alpha' = D alpha: T' = D T D^-1, Z' = Z D^-1,
+    variances D Q D; y as it is), which moves the scale of P_inf and of
+    the diffuse tests by up to c^-4: states times D, log-likelihood +
+    log |D| over the diffuse elements (the flat prior's measure)."""
+    if name == "state_units" and c > 1e6:
+        pytest.skip("the level's diffuse part would shrink to 1e-16 of its start through T, "
+                    "below the diffuse tests' tolerance (documented with fKalmanExact)")
     if name in ("multi_trend", "state_units"):
-        case = ZOO["trend_diffuse" if name == "state_units" else name]()
+        case = ZOO["multi_diffuse_late" if name == "state_units" else name]()
         model, y = exact_model(case), case.y.T
     else:
         y = tessel.load_example(name).to_numpy(dtype=float)
         y = np.log(y) if name == "air_passengers" else y
         model = tessel.Model(ZOO["bsm"]().sys, ZOO["bsm"]().var * 1e-3) if name != "nile" else \
             tessel.Model([[1.0], [1.0]], np.diag([1469.1, 15099.0]))
-    base = _exact.loglik(y, model)
+    base, D = _exact.loglik(y, model), np.ones(model.m) * c
     if name == "state_units":
-        s = np.r_[np.full(model.m, c), np.ones(model.N)]
-        z = np.r_[np.ones(model.m), np.full(model.N, 1 / c)]
-        yc, other = y, model.replace(sys=model.sys * z[:, None], var=model.var * np.outer(s, s))
-        shift = case.d * np.log(c)
+        D, m = c ** np.arange(1.0, model.m + 1), model.m
+        s = np.r_[D, np.ones(model.N)]
+        sys = np.vstack([D[:, None] * model.T / D, model.Z / D])
+        init = np.vstack([model.init[:m] * np.outer(D, D), model.init[m:] * D])
+        yc, other = y, model.replace(sys=sys, var=model.var * np.outer(s, s), init=init)
+        shift = np.log(D[:case.d]).sum()
     else:
         yc, other, shift = y * c, model.replace(var=model.var * c * c), -base.nobs * np.log(c)
     assert _exact.loglik(yc, other).loglik == pytest.approx(base.loglik + shift, rel=1e-9)
     a, b = (np.asarray(_exact.smoothed(x, mod).state) for x, mod in ((y, model), (yc, other)))
-    assert_close(b / c, a, 1e-9, "smoothed states")
+    assert_close(b / D, a, 1e-9, "smoothed states")

@@ -157,6 +157,19 @@ def multi_correlated():
                  mean=[[0.1], [-0.2], [0.0], [1.0], [0.4]])
 
 
+def multi_diffuse_late():
+    """N = 2, m = 3: level and slope diffuse next to a stationary AR(1);
+    y_0 resolves the level, which leaves y_1 (0.7 level - AR) an ordinary
+    element while the slope is still diffuse (rounding leaves its F_inf
+    just above 0); series 0 missing at t = 1."""
+    var = np.diag([0.3, 0.05, 0.5, 0.4, 0.7])
+    var[3, 4] = var[4, 3] = 0.1
+    case = Block([[1, 1, 0], [0, 1, 0], [0, 0, 0.6], [1, 0, 1], [0.7, 0, -1]], var,
+                 _data(9, 2, 12, [(0, 1)]), init=[[-1, 0, 0], [0, -1, 0], [0, 0, 0.5 / 0.64], [0, 0, 0]])
+    case.tol = "kappa multi"  # one diffuse direction met by two series at t = 0
+    return case
+
+
 def bsm():
     """Basic structural model (level, slope, dummy seasonal of period 12,
     irregular): 13 diffuse elements, zero-variance states, 40 monthly points."""
@@ -171,7 +184,7 @@ def bsm():
 
 ZOO = {f.__name__: f for f in (level_proper, trend_diffuse, arma_proper, known_level, univ_tv,
                                multi_partly_diffuse, multi3_proper, multi_diffuse_tv, multi_trend,
-                               multi_correlated, bsm)}
+                               multi_correlated, multi_diffuse_late, bsm)}
 
 
 # ------------------------------------------------------------------ helpers
