@@ -207,3 +207,21 @@ def test_exact_bootstrap_rebuilds_the_data():
     np.testing.assert_array_equal(R[:, :td], np.broadcast_to(y[:td], R[:, :td].shape))
     np.testing.assert_array_equal(np.isnan(R), np.broadcast_to(np.isnan(y), R.shape))
     assert np.all(np.abs(np.nan_to_num(R[:, td:] - y[td:])).max(axis=(1, 2)) > 0.1)
+
+
+@pytest.mark.parametrize("name", ["multi_diffuse_late", "univ_tv"])
+def test_exact_mean_pass_equals_a_filter_on_the_new_data(name):
+    """fKalmanExactMean with a store of y and new data of y's missing
+    pattern: the innovations and the sum of squares of the exact filter run
+    on the new data; another missing pattern is refused."""
+    case = ZOO[name]()
+    parts, n = _exact._parts(exact_model(case), case.y.shape[1]), case.y.shape[1]
+    ynew = case.y + np.random.default_rng(4).normal(size=case.y.shape)
+    lik, ok, sumsq, store = _exact._tessel.exact_filter_mean(parts, case.y, ynew)
+    fresh, store_new, _ = _exact._tessel.exact_filter(parts, ynew, True)
+    assert ok and sumsq == pytest.approx(fresh["sumsq"], rel=1e-12)
+    v = [_exact._innovations(s, case.m, case.N, lik["diffuse_end"], ~np.isnan(case.y))
+         for s in (store, store_new)]
+    assert_close(v[0], v[1], 1e-12, "innovations")
+    ynew[0, n - 1] = np.nan if not np.isnan(case.y[0, n - 1]) else 1.0
+    assert not _exact._tessel.exact_filter_mean(parts, case.y, ynew)[1]
