@@ -118,6 +118,32 @@ def loglik_concentrated(y, model):
     return LogLik(ll, s2, cnt)
 
 
+def predicted(y, model):
+    """One-step predicted state and observation moments of the exact filter
+    (its state record): a(t), diag P(t), the predicted observation (with the
+    intercept) and the diagonal of F(t); a variance is NaN (infinite) while
+    a diffuse element still reaches it. ``end`` is None."""
+    data, parts = _prepare(y, model, "predicted")
+    lik, _, rec = _tessel.exact_filter(parts, data.values, False, True)
+    _check(lik, "predicted")
+    m, N, n, p = model.m, model.N, data.n, model.m + model.N
+    iu = np.triu_indices(m)
+    Pinf = np.zeros((n, m, m))
+    Pinf[:, iu[0], iu[1]] = rec[2 * p + m * (m - 1) // 2:].T
+    Pinf = Pinf + np.triu(Pinf, 1).transpose(0, 2, 1)
+    Z = np.repeat(model.Z[None], n, axis=0)
+    if model.sysidx is not None:
+        tv, (r, c) = model.with_tvdata_length(n).tvdata, np.nonzero(model.sysidx[m:] >= 0)
+        Z[:, r, c] = tv[model.sysidx[m:][r, c].astype(int), :n].T
+    svar, fvar = rec[m + N:2 * m + N].T.copy(), rec[2 * m + N:2 * p].T.copy()
+    svar[np.einsum("tkk->tk", Pinf) > 0] = np.nan
+    fvar[np.einsum("tik,tkl,til->ti", Z, Pinf, Z) > 0] = np.nan
+    sn = state_names(model)
+    return Moments("predicted", data.frame(rec[:m].T.copy(), sn), data.frame(svar, sn),
+                   data.frame(rec[m:m + N].T.copy(), data.columns), data.frame(fvar, data.columns),
+                   None, data.index)
+
+
 def score(y, model):
     """Exact log-likelihood and its score with respect to ``var``
     (fLgmExactScore): ``matrix`` S with d loglik = tr(S dV) / 2, as

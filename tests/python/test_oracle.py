@@ -295,6 +295,20 @@ def q_exact_loglik(case, ora):
             ("innovations", np.asarray(fil.innovations).T[:, k:], v[:, k:], "proper")]
 
 
+def q_exact_predicted(case, ora):
+    """The exact filter's state record: a(t), diag P(t) (NaN while infinite),
+    the predicted observation and diag F(t) (NaN while infinite)."""
+    res = _exact.predicted(case.y.T, exact_model(case))
+    n = case.y.shape[1]
+    a, P = ora("exact").predicted_states()
+    s, sv = ora("exact").signals("predicted", intercept=True)
+    F = diag_rows(sv) + np.array([np.diag(case.model.system(t)[2])[case.m:] for t in range(n)]).T
+    return [("state", np.asarray(res.state).T, a[:, :n], "proper"),
+            ("state variance", np.asarray(res.state_var).T, diag_rows(P[:n]), "proper"),
+            ("observation", np.asarray(res.signal).T, s, "proper"),
+            ("innovation variance", np.asarray(res.signal_var).T, F, "proper")]
+
+
 def q_exact_smoothed(case, ora):
     """StateSmoExact (signal with the intercept) and QuickStateSmo's states."""
     model, y = exact_model(case), case.y.T
@@ -320,8 +334,8 @@ def q_exact_disturbances(case, ora):
 
 QUANTITIES = {f.__name__[2:]: f for f in (q_loglik, q_store, q_predicted, q_filtered, q_smoothed,
                                           q_disturbances, q_conddens, q_weights, q_score,
-                                          q_recursion, q_exact_loglik, q_exact_smoothed,
-                                          q_exact_disturbances)}
+                                          q_recursion, q_exact_loglik, q_exact_predicted,
+                                          q_exact_smoothed, q_exact_disturbances)}
 
 
 # Faults found and not yet fixed: the test fails until they are.
