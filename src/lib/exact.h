@@ -5,7 +5,7 @@
 // factor.
 #pragma once
 
-#include "frame.h"
+#include "filter_step.h"
 
 namespace tessel {
 
@@ -93,6 +93,21 @@ inline void exact_time_varying(const LgmExactModel *rec, int t, bool sys, bool v
 // inverse-variance diagonal.
 inline bool ordinary_missing(double **store, int N, int m, int i, int t) {
     return store[store_block(N, m, i) + m + i][t] == 0.0;
+}
+
+// p = mean + SysMat a by the pattern, or densely when the frame is unusable.
+inline void exact_predict(const StepFrame &f, const LgmExactModel *rec, const double *a,
+                          double *x) {
+    if (f.ok) {
+        step_predict(f, rec->sys, rec->mean, a, x);
+        return;
+    }
+    const int p = rec->m + rec->N;
+    for (int k = 0; k < p; ++k) {
+        double acc = rec->mean[k];
+        for (int j = 0; j < rec->m; ++j) acc += rec->sys[k][j] * a[j];
+        x[k] = acc;
+    }
 }
 
 }  // namespace tessel

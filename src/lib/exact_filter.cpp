@@ -44,20 +44,6 @@ void record_state(int m, int p, int t, double **W1, double **Pi, double **states
     }
 }
 
-// p = mean + SysMat a by the pattern, or densely when the frame is unusable.
-void predict(const StepFrame &f, const LgmExactModel *rec, const double *a, double *x) {
-    if (f.ok) {
-        step_predict(f, rec->sys, rec->mean, a, x);
-        return;
-    }
-    const int p = rec->m + rec->N;
-    for (int k = 0; k < p; ++k) {
-        double acc = rec->mean[k];
-        for (int j = 0; j < rec->m; ++j) acc += rec->sys[k][j] * a[j];
-        x[k] = acc;
-    }
-}
-
 // x = mean + SysMat a; W1 = Pbar_*; Pi = Pbar_inf.
 void diffuse_prior(StepFrame &f, const LgmExactModel *rec, const ExactWork &w) {
     const int m = rec->m, p = m + rec->N;
@@ -270,7 +256,7 @@ TESSEL_EXPORT int fKalmanExactMean(LgmExactModel *rec, double **y, int diffuse_e
     double ss = 0.0;
     for (int t = 0; t < n; ++t) {
         exact_time_varying(rec, t, true, false, true);
-        predict(frame, rec, a, x);
+        exact_predict(frame, rec, a, x);
         if (t < diffuse_end) {
             for (int i = 0; i < N; ++i) {
                 const int base = diffuse_block(N, m, i), na = p - 1 - i;

@@ -133,14 +133,12 @@ TESSEL_EXPORT int LgmBootstrap(LgmExactModel *rec, double **y, int diffuse_end, 
     }
     // The replicate through the innovations form, from the diffuse period's
     // observations as they are.
+    StepFrame frame;
+    build_pattern(frame, rec->sys, rec->sysidx, p, m);
     for (int k = 0; k < m; ++k) a[k] = rec->a0[k];
     for (int t = 0; t < n; ++t) {
         exact_time_varying(rec, t, true, false, true);
-        for (int k = 0; k < p; ++k) {
-            double acc = rec->mean[k];
-            for (int j = 0; j < m; ++j) acc += rec->sys[k][j] * a[j];
-            x[k] = acc;
-        }
+        exact_predict(frame, rec, a, x);
         if (t < td) {
             for (int i = 0; i < N; ++i) {
                 out[i][t] = y[i][t];
