@@ -10,8 +10,10 @@
 //   zu::Value store = zu::call("KalmanFil", args);
 //
 // Host errors (failed checks, ZuRunError, ZuRunErrorMessage) surface as
-// zu::Error. The runtime keeps global state (message sink, random generator,
-// allocation accounting) and is not thread-safe, like the interpreter.
+// zu::Error. Calls may run on several threads at once: the state the runtime
+// keeps (message sink, random generator, allocation counts, the frame of the
+// entry point being called) is guarded or per thread. The library's message
+// switch is one process-wide flag (see message_switch()).
 #ifndef TESSEL_HOST_HPP
 #define TESSEL_HOST_HPP
 
@@ -96,12 +98,45 @@ using MessageSink = std::function<void(const char *text)>;
 // Sets where ZuRunMessage texts go (null restores the default: stderr, one
 // line per message). Returns the previous sink.
 ZU_HOST_API MessageSink set_message_sink(MessageSink sink);
+// The library's message switch fLgmNoErrorMessage (loads the library first;
+// null when it does not export one). Nonzero silences the library's messages
+// and makes two of its paths end the process with status 0: LgmWarning()
+// without an argument, and a filtering call given part of the time-varying
+// block. Callers that run calls on several threads must agree on its value
+// while their calls run (the Python binding serialises calls that need
+// different values).
+ZU_HOST_API int *message_switch();
 
 // ---- random numbers ----
-// Reseeds the host generator (xoshiro256** seeded through splitmix64).
+// The generator's state (xoshiro256** and the spare normal of the polar
+// method).
+struct GeneratorState {
+    std::uint64_t s[4];
+    double spare;
+    bool has_spare;
+};
+// Reseeds the generator the process shares (xoshiro256** seeded through
+// splitmix64). Until the first call it is seeded from the system's entropy.
 ZU_HOST_API void set_seed(std::uint64_t seed);
+// While an object lives, the draws (DRanNormalPM, MatRann) of the thread that
+// made it come from a generator of its own seeded with `seed`; the shared one
+// is left alone. Seeding and drawing are then one step that other threads
+// cannot interleave. Scopes nest; the previous generator is restored.
+class ZU_HOST_API ThreadDraws {
+public:
+    explicit ThreadDraws(std::uint64_t seed);
+    ~ThreadDraws();
+    ThreadDraws(const ThreadDraws &) = delete;
+    ThreadDraws &operator=(const ThreadDraws &) = delete;
+
+private:
+    GeneratorState own_;
+    GeneratorState *saved_;
+};
 
 // ---- allocation accounting and failure injection ----
+// The counts are exact under concurrent calls; the injected failure goes to
+// whichever thread makes the k-th allocation.
 struct LiveCounts {
     long blocks = 0;  // matrix blocks: MatAllocBlock and matrix values
     long tables = 0;  // TabAllocPlain tables

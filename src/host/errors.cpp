@@ -1,6 +1,7 @@
 // errors.cpp - host errors and messages: ZuRunError, ZuRunErrorMessage,
 // ZuRunMessage and the message sink.
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -9,16 +10,25 @@
 namespace zu {
 namespace {
 
-MessageSink &sink() {
-    static MessageSink s;
-    return s;
+// The sink and its guard are never destroyed: a call abandoned by an
+// interrupted caller may still pass a message while the process exits.
+struct Sink {
+    std::mutex lock;
+    MessageSink fn;
+};
+
+Sink &sink() {
+    static Sink *s = new Sink;
+    return *s;
 }
 
 }  // namespace
 
 MessageSink set_message_sink(MessageSink s) {
-    MessageSink previous = std::move(sink());
-    sink() = std::move(s);
+    Sink &k = sink();
+    std::lock_guard<std::mutex> lock(k.lock);
+    MessageSink previous = std::move(k.fn);
+    k.fn = std::move(s);
     return previous;
 }
 
@@ -47,8 +57,14 @@ void ZuRunErrorMessage(const char *text) { throw zu::Error(zu::kErrorMessage, te
 
 void ZuRunMessage(const char *text) {
     const char *t = text ? text : "";
-    if (zu::sink()) {
-        zu::sink()(t);
+    zu::MessageSink fn;
+    {
+        zu::Sink &k = zu::sink();
+        std::lock_guard<std::mutex> lock(k.lock);
+        fn = k.fn;  // called outside the lock: a sink may take its time
+    }
+    if (fn) {
+        fn(t);
     } else {
         std::fputs(t, stderr);
         std::fputc('\n', stderr);

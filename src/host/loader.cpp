@@ -2,7 +2,9 @@
 // by Zu name as the interpreter would.
 #include <dlfcn.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <mutex>
 #include <new>
 #include <string>
 
@@ -11,10 +13,12 @@
 namespace zu {
 namespace {
 
-std::string g_function;     // Zu name of the entry point being called
-ZuValue *g_args = nullptr;  // its argument array
-int g_nargs = 0;
-void *g_handle = nullptr;  // libtessel.so, once opened
+// The frame of the call in progress is per thread: calls may run at once.
+thread_local std::string g_function;     // Zu name of the entry point being called
+thread_local ZuValue *g_args = nullptr;  // its argument array
+thread_local int g_nargs = 0;
+std::mutex g_load_lock;
+std::atomic<void *> g_handle{nullptr};  // libtessel.so, once opened (under g_load_lock)
 
 // Path of the shared object holding this code (libzuhost.so).
 std::string own_path() {
@@ -63,8 +67,13 @@ std::string library_path() {
     return self.substr(0, slash + 1) + "libtessel.so";
 }
 
-void load_library() {
-    if (g_handle) return;
+namespace {
+
+// libtessel.so, opened on first use by whichever thread comes first.
+void *library_handle() {
+    if (void *h = g_handle.load(std::memory_order_acquire)) return h;
+    std::lock_guard<std::mutex> lock(g_load_lock);
+    if (void *h = g_handle.load(std::memory_order_relaxed)) return h;
     // A host loaded with RTLD_LOCAL (Python extension modules are) keeps its
     // symbols from the global scope, where libtessel.so looks for the host
     // operations: promote this object to global scope first.
@@ -76,18 +85,25 @@ void load_library() {
         const char *why = dlerror();
         throw Error(kErrorMessage, "cannot load " + path + ": " + (why ? why : "unknown error"));
     }
-    g_handle = h;
+    g_handle.store(h, std::memory_order_release);
+    return h;
 }
 
+}  // namespace
+
+void load_library() { library_handle(); }
+
 void *find_symbol(const std::string &name) {
-    load_library();
+    void *h = library_handle();
     dlerror();
-    return dlsym(g_handle, name.c_str());
+    return dlsym(h, name.c_str());
 }
 
 ZuEntryPoint find_entry_point(const std::string &name) {
     return reinterpret_cast<ZuEntryPoint>(find_symbol("Fn" + name));
 }
+
+int *message_switch() { return static_cast<int *>(dlsym(library_handle(), "fLgmNoErrorMessage")); }
 
 Value call(const std::string &name, ZuValue *args, int nargs) {
     ZuEntryPoint fn = find_entry_point(name);

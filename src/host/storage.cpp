@@ -1,9 +1,11 @@
 // storage.cpp - the host's one allocator for matrices and plain tables, with
-// allocation accounting and failure injection.
+// allocation accounting and failure injection. The counters are atomic:
+// calls may allocate on several threads at once.
 //
 // Layout of every block: a 16-byte header (magic word and kind), the array
 // of row pointers, padding to 16 bytes, then the zero-filled elements row by
 // row. The caller sees the row-pointer array; one free releases everything.
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -29,23 +31,29 @@ struct Header {
 };
 static_assert(sizeof(Header) == kHeader, "header must keep 16-byte alignment");
 
-long g_attempts = 0;
-long g_live_blocks = 0;
-long g_live_tables = 0;
-long g_live_heap = 0;
-long g_fail_countdown = 0;  // 0: injection off
-bool g_delivered = false;
+std::atomic<long> g_attempts{0};
+std::atomic<long> g_live_blocks{0};
+std::atomic<long> g_live_tables{0};
+std::atomic<long> g_live_heap{0};
+std::atomic<long> g_fail_countdown{0};  // 0: injection off
+std::atomic<bool> g_delivered{false};
 
-long &live_counter(detail::StorageKind kind) {
+std::atomic<long> &live_counter(detail::StorageKind kind) {
     return kind == detail::StorageKind::Matrix ? g_live_blocks : g_live_tables;
 }
 
-// True when this attempt is the one chosen to fail.
+// True when this attempt is the one chosen to fail (exactly one attempt is,
+// whichever thread makes it).
 bool inject_failure() {
-    if (g_fail_countdown <= 0) return false;
-    if (--g_fail_countdown > 0) return false;
-    g_delivered = true;
-    return true;
+    long left = g_fail_countdown.load(std::memory_order_relaxed);
+    while (left > 0) {
+        if (g_fail_countdown.compare_exchange_weak(left, left - 1)) {
+            if (left > 1) return false;
+            g_delivered = true;
+            return true;
+        }
+    }
+    return false;
 }
 
 std::uint64_t round16(std::uint64_t n) { return (n + 15) & ~std::uint64_t(15); }
@@ -102,20 +110,20 @@ void free_rows(StorageKind kind, void **rows) {
 
 LiveCounts live_allocations() {
     LiveCounts c;
-    c.blocks = g_live_blocks;
-    c.tables = g_live_tables;
-    c.heap = g_live_heap;
+    c.blocks = g_live_blocks.load();
+    c.tables = g_live_tables.load();
+    c.heap = g_live_heap.load();
     return c;
 }
 
-long allocation_attempts() { return g_attempts; }
+long allocation_attempts() { return g_attempts.load(); }
 
 void fail_allocation(long k) {
     g_fail_countdown = k > 0 ? k : 0;
     g_delivered = false;
 }
 
-bool injected_failure_delivered() { return g_delivered; }
+bool injected_failure_delivered() { return g_delivered.load(); }
 
 }  // namespace zu
 

@@ -7,22 +7,39 @@
 // None for a referenced variable that holds nothing) and raises TypeError on
 // anything else.
 //
-// The GIL stays held during a call: the host runtime is not thread-safe, and
-// messages call back into Python. A second thread that wants the host while
-// a message handler has released the GIL waits on a mutex (with the GIL
-// released, so the first call can finish).
+// Threads and interrupts. A call runs with the interpreter lock released, so
+// Python threads run calls on several cores at once. A call that may take
+// long (by the size of its arguments) runs on a thread of its own while the
+// caller waits interruptibly: Ctrl-C raises KeyboardInterrupt at once, and
+// the abandoned call frees its arguments and results when it finishes. The
+// library's messages are queued by the call and handed to Python afterwards,
+// on the calling thread with the interpreter lock held.
+//
+// The message switch. The library keeps one process-wide flag; calls of the
+// idiomatic layer run with messages on, calls through tessel.call with the
+// value the caller chose with LgmWarning. Calls that need different values
+// never overlap (SwitchGate). With messages off, the library ends the process
+// on two paths (LgmWarning() without an argument, part of a time-varying
+// block): such calls run on the calling thread.
 
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <climits>
+#include <cmath>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -39,74 +56,251 @@ namespace {
 PyObject *g_message_handler = nullptr;
 PyObject *g_error_class = nullptr;
 
-// State of the call in progress (only touched with the GIL held).
-struct CallState {
-    std::unique_ptr<py::error_already_set> handler_error;  // first failure of the handler
-};
-CallState *g_current = nullptr;
+// How often a waiting caller looks for Ctrl-C (and other signals).
+constexpr std::chrono::milliseconds kPoll(20);
 
-// Serialises use of the host between Python threads.
-std::mutex g_host_mutex;
-bool g_host_busy = false;
-std::thread::id g_host_owner;
+// Calls estimated below this many operations run on the calling thread
+// (about 10 ms on one core; see call_cost). Larger ones get a thread of their
+// own so that the caller can be interrupted.
+constexpr double kInlineCost = 2e7;
 
-class HostLock {
-public:
-    HostLock() {
-        if (g_host_busy && g_host_owner == std::this_thread::get_id())
-            throw std::runtime_error(
-                "the Tessel host is already running a call on this thread "
-                "(tessel functions cannot be used from inside a message handler)");
-        lock_ = std::unique_lock<std::mutex>(g_host_mutex, std::try_to_lock);
-        if (!lock_.owns_lock()) {
-            py::gil_scoped_release release;
-            lock_.lock();
-        }
-        g_host_busy = true;
-        g_host_owner = std::this_thread::get_id();
+// Calls of the library still running, abandoned ones included.
+std::atomic<long> g_running{0};
+
+// Messages of the call running on this thread (null outside calls made here).
+thread_local std::vector<std::string> *t_messages = nullptr;
+
+// Message sink installed in the host: queues each text for the caller.
+void queue_message(const char *text) {
+    if (t_messages != nullptr) {
+        t_messages->emplace_back(text);
+        return;
     }
-    ~HostLock() { g_host_busy = false; }
-    HostLock(const HostLock &) = delete;
-    HostLock &operator=(const HostLock &) = delete;
+    std::fprintf(stderr, "%s\n", text);
+}
+
+// Runs f() with the interpreter lock released until it returns true; every
+// kPoll between tries checks for signals with the lock held, so Ctrl-C raises
+// KeyboardInterrupt (thrown as error_already_set) within about kPoll.
+template <typename F>
+void wait_interruptibly(F try_once) {
+    for (;;) {
+        bool done;
+        {
+            py::gil_scoped_release nogil;
+            done = try_once();
+        }
+        if (done) return;
+        if (PyErr_CheckSignals() != 0) throw py::error_already_set();
+    }
+}
+
+// The message switch: calls that need different values of the library's flag
+// never run at once; LgmWarning through tessel.call runs alone. New calls wait
+// while a call needing the other value (or an exclusive one) waits, so no
+// side starves. Never destroyed (abandoned calls leave it at exit).
+class SwitchGate {
+public:
+    struct Ticket {
+        int want = 0;
+        bool exclusive = false;
+        bool queued = false;
+    };
+
+    // One try: enters within kPoll or returns false (the ticket stays queued).
+    bool try_enter(Ticket &t) {
+        std::unique_lock<std::mutex> lock(m_);
+        if (!t.queued) {
+            t.queued = true;
+            ++waiting(t);
+        }
+        if (!cv_.wait_for(lock, kPoll, [&] { return may_enter(t); })) return false;
+        --waiting(t);
+        t.queued = false;
+        if (active_ == 0) {
+            mode_ = t.want;
+            if (flag_ != nullptr) *flag_ = t.want;
+        }
+        ++active_;
+        exclusive_ = t.exclusive;
+        return true;
+    }
+
+    // Gives up a queued ticket (the caller was interrupted).
+    void cancel(Ticket &t) {
+        std::lock_guard<std::mutex> lock(m_);
+        if (!t.queued) return;
+        --waiting(t);
+        t.queued = false;
+        cv_.notify_all();
+    }
+
+    void leave() {
+        std::lock_guard<std::mutex> lock(m_);
+        if (exclusive_) {
+            if (flag_ != nullptr) user_ = *flag_;  // LgmWarning set it
+            exclusive_ = false;
+        }
+        if (--active_ == 0) cv_.notify_all();
+    }
+
+    // The value chosen by tessel.call's callers (0: messages on).
+    int user() {
+        std::lock_guard<std::mutex> lock(m_);
+        return user_;
+    }
+
+    // Finds the library's flag (loads the library; throws zu::Error when it
+    // cannot be loaded). Done once, before the first call.
+    void bind() {
+        std::lock_guard<std::mutex> lock(m_);
+        if (bound_) return;
+        flag_ = zu::message_switch();
+        user_ = flag_ != nullptr ? *flag_ : 0;
+        bound_ = true;
+    }
 
 private:
-    std::unique_lock<std::mutex> lock_;
+    int &waiting(const Ticket &t) {
+        return t.exclusive ? waiting_exclusive_ : waiting_[t.want != 0];
+    }
+
+    bool may_enter(const Ticket &t) const {
+        if (active_ == 0) return true;
+        if (t.exclusive || exclusive_ || mode_ != t.want) return false;
+        return waiting_exclusive_ == 0 && waiting_[mode_ == 0] == 0;
+    }
+
+    std::mutex m_;
+    std::condition_variable cv_;
+    int *flag_ = nullptr;
+    bool bound_ = false;
+    int user_ = 0;
+    int mode_ = 0;
+    int active_ = 0;
+    bool exclusive_ = false;
+    int waiting_[2] = {0, 0};  // by wanted value: messages on, off
+    int waiting_exclusive_ = 0;
 };
 
+SwitchGate &gate() {
+    static SwitchGate *g = new SwitchGate;
+    return *g;
+}
+
+// One library call: its host values, results and messages. Shared by the
+// caller and, for a long call, the thread that runs it; whoever lets go last
+// frees the host storage.
+struct Job {
+    std::string name;
+    std::vector<zu::Value> vars;    // referenced variables: fixed size, never reallocated
+    std::vector<zu::Value> values;  // the argument array
+    zu::Value result;
+    bool seeded = false;
+    std::uint64_t seed = 0;
+    std::vector<std::string> messages;
+    bool failed = false;
+    int error_number = 0;
+    std::string error_text;
+
+    std::mutex m;
+    std::condition_variable cv;
+    bool done = false;
+};
+
+// Runs the call on the current thread (interpreter lock not held), then lets
+// the switch gate go.
+void run(Job &job) {
+    t_messages = &job.messages;
+    try {
+        std::unique_ptr<zu::ThreadDraws> draws;
+        if (job.seeded) draws.reset(new zu::ThreadDraws(job.seed));
+        job.result = zu::call(job.name, job.values);
+    } catch (const zu::Error &e) {
+        job.failed = true;
+        job.error_number = e.number();
+        job.error_text = e.what();
+    } catch (const std::bad_alloc &) {
+        job.failed = true;
+        job.error_number = zu::kErrorMemory;
+        job.error_text = job.name + "(): out of memory";
+    } catch (const std::exception &e) {
+        job.failed = true;
+        job.error_number = zu::kErrorMessage;
+        job.error_text = job.name + "(): " + e.what();
+    } catch (...) {
+        job.failed = true;
+        job.error_number = zu::kErrorMessage;
+        job.error_text = job.name + "(): failed";
+    }
+    t_messages = nullptr;
+    gate().leave();
+}
+
+// A rough operation count of a call, from its arguments: the filtering
+// family costs about (time points) x (state and series)^3, so the longest
+// side of any matrix times the cube of the largest short side; the ARMA
+// builder solves a dense system of order r^2 (r = max(p, q + 1)); the
+// structural builder's size follows from the periods and orders in its table.
+double call_cost(const Job &job) {
+    auto count = [](const zu::Value &v) -> double {  // coefficients in a row or column
+        if (v.type() != ZU_MATRIX || (v.rows() != 1 && v.cols() != 1)) return 0.0;
+        return double(v.rows()) * double(v.cols());
+    };
+    if (job.name == "GetLgmArma" && job.values.size() >= 2) {
+        const double r = std::max(count(job.values[0]), count(job.values[1]) + 1.0);
+        return r * r * r * r * r * r;
+    }
+    if (job.name == "GetLgmStsm" && !job.values.empty() && job.values[0].type() == ZU_MATRIX) {
+        const zu::Value &t = job.values[0];
+        double m = 0.0;
+        for (int r = 0; r < t.rows(); ++r) {
+            m += 2.0;
+            for (int c = 2; c < t.cols() && c < 5; c += 2) m += 2.0 * std::fabs(t.at(r, c));
+        }
+        return m * m * m;
+    }
+    double longest = 0.0, widest = 0.0;
+    auto look = [&](const zu::Value &v) {
+        if (v.type() != ZU_MATRIX) return;
+        const double r = v.rows(), c = v.cols();
+        longest = std::max(longest, std::max(r, c));
+        widest = std::max(widest, std::min(r, c));
+    };
+    for (const zu::Value &v : job.values) look(v);
+    for (const zu::Value &v : job.vars) look(v);
+    return longest * widest * widest * widest;
+}
+
 // Raises the registered error class (tessel.ZuError) for a host error.
-[[noreturn]] void raise_host_error(const zu::Error &e) {
-    if (g_error_class == nullptr) throw std::runtime_error(e.what());
+[[noreturn]] void raise_host_error(int number, const std::string &text) {
+    if (g_error_class == nullptr) throw std::runtime_error(text);
     py::object cls = py::reinterpret_borrow<py::object>(g_error_class);
-    py::object exc = cls(e.number(), py::str(e.what()));
+    py::object exc = cls(number, py::str(text));
     PyErr_SetObject(g_error_class, exc.ptr());
     throw py::error_already_set();
 }
 
-// Message sink installed in the host: hands each text to the Python handler.
-// A handler that raises (warnings turned into errors, for instance) must not
-// unwind through the library, so its exception is kept and re-raised once
-// the call has returned; later messages of that call are dropped, as Python
-// code after a raise would not run either.
-void deliver_message(const char *text) {
-    py::gil_scoped_acquire gil;
-    if (g_current != nullptr && g_current->handler_error) return;
-    if (g_message_handler == nullptr) {
-        std::fprintf(stderr, "%s\n", text);
-        return;
-    }
-    try {
-        PyObject *s = PyUnicode_DecodeUTF8(text, static_cast<Py_ssize_t>(std::strlen(text)),
-                                           "surrogateescape");
-        if (s == nullptr) throw py::error_already_set();
-        py::object str = py::reinterpret_steal<py::object>(s);
-        py::reinterpret_borrow<py::object>(g_message_handler)(str);
-    } catch (py::error_already_set &e) {
-        if (g_current != nullptr) {
-            g_current->handler_error = std::make_unique<py::error_already_set>(std::move(e));
-        } else {
-            e.discard_as_unraisable("tessel message handler");
+// Hands the queued messages to the Python handler, in order. A handler that
+// raises (warnings turned into errors, for instance) stops the delivery; its
+// exception is returned, as Python code after a raise would not run either.
+std::unique_ptr<py::error_already_set> deliver(const std::vector<std::string> &messages) {
+    for (const std::string &text : messages) {
+        if (g_message_handler == nullptr) {
+            std::fprintf(stderr, "%s\n", text.c_str());
+            continue;
+        }
+        try {
+            PyObject *s = PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()),
+                                               "surrogateescape");
+            if (s == nullptr) throw py::error_already_set();
+            py::object str = py::reinterpret_steal<py::object>(s);
+            py::reinterpret_borrow<py::object>(g_message_handler)(str);
+        } catch (py::error_already_set &e) {
+            return std::make_unique<py::error_already_set>(std::move(e));
         }
     }
+    return nullptr;
 }
 
 bool fits_int(Py_ssize_t n) { return n >= 0 && n <= static_cast<Py_ssize_t>(INT_MAX); }
@@ -191,72 +385,120 @@ py::object to_python(const zu::Value &v, int depth = 0) {
     }
 }
 
-// call(name, args, targets, slots) -> (result, [target values after the call])
+// Enters the switch gate for the job's call (interruptibly).
+void enter_gate(SwitchGate::Ticket &ticket) {
+    try {
+        wait_interruptibly([&] { return gate().try_enter(ticket); });
+    } catch (...) {
+        gate().cancel(ticket);
+        throw;
+    }
+}
+
+// Runs the call; returns once it has finished, or throws (KeyboardInterrupt)
+// leaving a long call to finish on its own thread.
+void execute(std::shared_ptr<Job> job, bool may_end_process) {
+    if (may_end_process || call_cost(*job) < kInlineCost) {
+        ++g_running;
+        {
+            py::gil_scoped_release nogil;
+            run(*job);
+        }
+        --g_running;
+        return;
+    }
+    ++g_running;
+    try {
+        std::thread([job] {
+            run(*job);
+            {
+                std::lock_guard<std::mutex> lock(job->m);
+                job->done = true;
+            }
+            job->cv.notify_all();
+            --g_running;
+        }).detach();
+    } catch (const std::system_error &) {
+        // No thread to be had: run here, not interruptible.
+        py::gil_scoped_release nogil;
+        run(*job);
+        job->done = true;
+        --g_running;
+        return;
+    }
+    wait_interruptibly([&] {
+        std::unique_lock<std::mutex> lock(job->m);
+        return job->cv.wait_for(lock, kPoll, [&] { return job->done; });
+    });
+}
+
+// call(name, args, targets, slots, seed=None, user_switch=False)
+//     -> (result, [target values after the call])
 //   args:    normalised values; the entries at reference positions are ignored
 //   targets: normalised values of the referenced variables (None allowed)
 //   slots:   per argument, -1 for a plain value or the index into targets
+//   seed:    the call's draws come from a generator of its own with this seed
+//   user_switch: run under the message switch that LgmWarning calls made
+//            through this function chose (tessel.call); otherwise messages on
 py::tuple call(const std::string &name, const py::sequence &args, const py::sequence &targets,
-               const std::vector<long> &slots) {
+               const std::vector<long> &slots, py::object seed, bool user_switch) {
     const std::size_t nargs = py::len(args), ntargets = py::len(targets);
     if (slots.size() != nargs) throw py::value_error("slots must have one entry per argument");
     if (nargs > static_cast<std::size_t>(INT_MAX)) throw py::value_error("too many arguments");
 
-    HostLock lock;
-    CallState state;
+    auto job = std::make_shared<Job>();
+    job->name = name;
+    if (!seed.is_none()) {
+        const unsigned long long s = PyLong_AsUnsignedLongLong(seed.ptr());
+        if (s == static_cast<unsigned long long>(-1) && PyErr_Occurred())
+            throw py::error_already_set();
+        job->seeded = true;
+        job->seed = static_cast<std::uint64_t>(s);
+    }
+    SwitchGate::Ticket ticket;
     try {
-        std::vector<zu::Value> vars;  // referenced variables: fixed size, never reallocated
-        vars.reserve(ntargets);
+        job->vars.reserve(ntargets);
         for (std::size_t k = 0; k < ntargets; ++k) {
             py::object item = targets[k];
-            vars.push_back(to_host(item, true));
+            job->vars.push_back(to_host(item, true));
         }
-
-        std::vector<zu::Value> values;
-        values.reserve(nargs);
+        job->values.reserve(nargs);
         for (std::size_t i = 0; i < nargs; ++i) {
             const long slot = slots[i];
             if (slot < 0) {
                 py::object item = args[i];
-                values.push_back(to_host(item, false));
+                job->values.push_back(to_host(item, false));
             } else {
                 if (static_cast<std::size_t>(slot) >= ntargets)
                     throw py::value_error("reference slot out of range");
-                values.push_back(zu::Value::ref(vars[static_cast<std::size_t>(slot)]));
+                job->values.push_back(zu::Value::ref(job->vars[static_cast<std::size_t>(slot)]));
             }
         }
-
-        struct Scope {
-            explicit Scope(CallState *s) { g_current = s; }
-            ~Scope() { g_current = nullptr; }
-        };
-        zu::Value result;
-        {
-            Scope scope(&state);
-            try {
-                result = zu::call(name, values);
-            } catch (const zu::Error &) {
-                // A handler failure came first; it wins over the host error.
-                if (!state.handler_error) throw;
-            }
-        }
-        if (state.handler_error) throw std::move(*state.handler_error);
-
-        py::object out = to_python(result);
-        py::list written(ntargets);
-        for (std::size_t k = 0; k < ntargets; ++k) written[k] = to_python(vars[k]);
-        return py::make_tuple(out, written);
+        gate().bind();
     } catch (const zu::Error &e) {
-        raise_host_error(e);
+        raise_host_error(e.number(), e.what());
     }
+    ticket.want = user_switch ? gate().user() : 0;
+    ticket.exclusive = user_switch && name == "LgmWarning";
+    enter_gate(ticket);
+    execute(job, ticket.exclusive || ticket.want != 0);
+
+    // Finished: messages first (a handler's exception wins over a host error).
+    std::unique_ptr<py::error_already_set> handler_error = deliver(job->messages);
+    if (handler_error) throw std::move(*handler_error);
+    if (job->failed) raise_host_error(job->error_number, job->error_text);
+    py::object out = to_python(job->result);
+    py::list written(ntargets);
+    for (std::size_t k = 0; k < ntargets; ++k) written[k] = to_python(job->vars[k]);
+    return py::make_tuple(out, written);
 }
 
 template <typename F>
 auto host_guarded(F f) -> decltype(f()) {
-    HostLock lock;
     try {
         return f();
     } catch (const zu::Error &e) {
-        raise_host_error(e);
+        raise_host_error(e.number(), e.what());
     }
 }
 
@@ -275,8 +517,10 @@ PYBIND11_MODULE(_tessel, m) {
         "Compiled bridge between Python and the Tessel host runtime (use the tessel package).";
 
     m.def("call", &call, py::arg("name"), py::arg("args"), py::arg("targets"), py::arg("slots"),
-          "call(name, args, targets, slots) -> (result, written targets). Low-level: arguments "
-          "must already be normalised by tessel.call.");
+          py::arg("seed") = py::none(), py::arg("user_switch") = false,
+          "call(name, args, targets, slots, seed=None, user_switch=False) -> (result, written "
+          "targets). Low-level: arguments must already be normalised by tessel.call. The "
+          "interpreter lock is released during the call; a long call can be interrupted.");
 
     m.def(
         "set_message_handler",
@@ -304,31 +548,32 @@ PYBIND11_MODULE(_tessel, m) {
             const unsigned long long s = PyLong_AsUnsignedLongLong(seed.ptr());
             if (s == static_cast<unsigned long long>(-1) && PyErr_Occurred())
                 throw py::error_already_set();
-            host_guarded([s] { zu::set_seed(static_cast<std::uint64_t>(s)); });
+            zu::set_seed(static_cast<std::uint64_t>(s));
         },
-        py::arg("seed"), "Reseeds the host random generator (0 <= seed < 2**64).");
+        py::arg("seed"), "Reseeds the host's shared random generator (0 <= seed < 2**64).");
 
+    m.def(
+        "running_calls", [] { return g_running.load(); },
+        "Library calls still running, those abandoned after an interrupt included.");
     m.def(
         "live_allocations",
         [] {
-            const zu::LiveCounts c = host_guarded([] { return zu::live_allocations(); });
+            const zu::LiveCounts c = zu::live_allocations();
             return py::make_tuple(c.blocks, c.tables);
         },
         "(blocks, tables) the host currently holds.");
     m.def(
-        "allocation_attempts",
-        [] { return host_guarded([] { return zu::allocation_attempts(); }); },
+        "allocation_attempts", [] { return zu::allocation_attempts(); },
         "Host allocations attempted since the process started.");
     m.def(
         "fail_allocation",
         [](long k) {
             if (k < 0) throw py::value_error("k must be >= 0");
-            host_guarded([k] { zu::fail_allocation(k); });
+            zu::fail_allocation(k);
         },
         py::arg("k"), "Makes the k-th host allocation from now fail (0: off).");
     m.def(
-        "injected_failure_delivered",
-        [] { return host_guarded([] { return zu::injected_failure_delivered(); }); },
+        "injected_failure_delivered", [] { return zu::injected_failure_delivered(); },
         "True once an injected allocation failure has happened.");
     m.def(
         "library_path", [] { return host_guarded([] { return zu::library_path(); }); },
@@ -337,6 +582,7 @@ PYBIND11_MODULE(_tessel, m) {
         "load_library", [] { host_guarded([] { zu::load_library(); }); },
         "Opens the library now (raises the host error when it cannot be loaded).");
 
-    register_exact(m, [] { return std::shared_ptr<void>(std::make_shared<HostLock>()); });
-    zu::set_message_sink(&deliver_message);
+    // The host is safe under concurrent calls: the exact routines need no lock.
+    register_exact(m, nullptr);
+    zu::set_message_sink(&queue_message);
 }
