@@ -245,7 +245,7 @@ def _host_value(x, name, pos, in_ref):
     return np.ascontiguousarray(arr, dtype=np.float64)
 
 
-def call(name, *args):
+def call(name, *args, seed=None):
     """Call the entry point ``Fn<name>`` of the library.
 
     Arguments: ``int`` (C int range) -> integer; ``float`` -> double; 2-D
@@ -256,9 +256,30 @@ def call(name, *args):
     argument. Returns an ``int``, ``float``, a 2-D float64 ``ndarray`` or
     ``None`` (nothing returned). Host errors raise :class:`ZuError`; messages
     become :class:`ZuMessage` warnings (see :func:`capture_messages`).
+
+    ``seed`` (keyword, 0 <= seed < 2**64): the call's random draws come from
+    a generator of its own seeded with it, so seeding and drawing are one
+    step that other threads cannot interleave; without it the call draws
+    from the generator the process shares (:func:`set_seed`).
+
+    Threads and interrupts: the call runs with the interpreter lock
+    released, so threads run calls at once; Ctrl-C interrupts a long call
+    at once (its work finishes in the background and is discarded).
+
+    Two paths end the process (exit status 0, no ``finally`` or ``atexit``
+    handler runs), as the library prescribes, once messages are switched
+    off with ``call("LgmWarning", 0)``: a later ``call("LgmWarning")``
+    without an argument, and a filtering call given part of the
+    time-varying block (one to three of SysIdx, VarIdx, MeanIdx, TvData
+    after InitMat and MeanVec). With messages off, calls run on the calling
+    thread and cannot be interrupted. The switch set here applies to
+    ``tessel.call`` only: the functions of the idiomatic API run their calls
+    with messages on and never pass part of a block.
     """
     if type(name) is not str:
         raise TypeError(f"tessel.call: the entry point name must be a str, not {type(name).__name__}")
+    if seed is not None:
+        seed = _seed_value(seed, f"tessel.call({name!r}): seed")
     values, targets, slots = [], [], []
     refs = None
     for pos, arg in enumerate(args, 1):
@@ -274,12 +295,46 @@ def call(name, *args):
         else:
             values.append(_host_value(arg, name, pos, False))
             slots.append(-1)
-    result, written = _tessel.call(name, values, targets, slots)
+    result, written = _tessel.call(name, values, targets, slots, seed, True)
     if refs is not None:
         for arg, slot in zip(args, slots):
             if slot >= 0:
                 arg.value = written[slot]
     return result
+
+
+def api_call(where, name, *args, seed=None):
+    """The idiomatic layer's call of an entry point: ``(result, messages)``.
+
+    The arguments are already checked (a host error here is a bug of the
+    checks, reported as ModelError naming ``where`` and the entry point);
+    messages are collected, not shown; the call runs with messages on
+    whatever :func:`call` users chose; running out of memory raises
+    MemoryError naming ``where``.
+    """
+    from .convert import ModelError
+
+    values, targets, slots = [], [], []
+    refs = []
+    for pos, arg in enumerate(args, 1):
+        if isinstance(arg, Ref):
+            slots.append(len(targets))
+            targets.append(_host_value(arg.value, name, pos, True))
+            refs.append(arg)
+            values.append(None)
+        else:
+            values.append(_host_value(arg, name, pos, False))
+            slots.append(-1)
+    with capture_messages() as msgs:
+        try:
+            result, written = _tessel.call(name, values, targets, slots, seed, False)
+        except ZuError as err:
+            if err.number == 4:
+                raise MemoryError(f"{where}: out of memory in {name} ({err})") from None
+            raise ModelError(f"{where}: {name} refused the arguments: {err}") from None
+    for ref, value in zip(refs, written):
+        ref.value = value
+    return result, msgs
 
 
 def version():
@@ -291,14 +346,22 @@ def version():
     return f"{v // 100}.{v % 100:02d}"
 
 
-def set_seed(n):
-    """Reseed the host's random generator with ``n`` (0 <= n < 2**64).
-
-    The same seed reproduces the same draws on every machine.
-    """
+def _seed_value(n, where):
     if isinstance(n, (bool, np.bool_)) or not isinstance(n, (int, np.integer)):
-        raise TypeError(f"tessel.set_seed: the seed must be an int, not {type(n).__name__}")
+        raise TypeError(f"{where}: the seed must be an int, not {type(n).__name__}")
     n = int(n)
     if not 0 <= n < _SEED_LIMIT:
-        raise ValueError(f"tessel.set_seed: the seed must be in [0, 2**64), not {n}")
-    _tessel.set_seed(n)
+        raise ValueError(f"{where}: the seed must be in [0, 2**64), not {n}")
+    return n
+
+
+def set_seed(n):
+    """Reseed the random generator the process shares with ``n``
+    (0 <= n < 2**64); until then it is seeded from the system's entropy.
+
+    The same seed reproduces the same draws on every machine. Threads that
+    draw at once share this generator: for draws that a seed reproduces
+    under threads, pass ``seed=`` to :func:`call` (or to the idiomatic
+    functions) instead.
+    """
+    _tessel.set_seed(_seed_value(n, "tessel.set_seed"))

@@ -15,11 +15,13 @@ cycle or autoregressive component may be ``None``.
 """
 
 import math
-import sys
 
 import numpy as np
 
-from ._lowlevel import EMPTY, Ref, ZuError, call, capture_messages
+from ._linalg import stationary_variance
+from ._lowlevel import EMPTY, Ref, api_call
+from .convert import integer, number, public, regressors, vector
+from .limits import check_states
 from .model import Model, ModelError
 
 __all__ = [
@@ -28,32 +30,13 @@ __all__ = [
     "structural", "arma", "regression", "add_regression", "spline",
 ]
 
-
-def _number(x, name, low=None, high=None, low_open=False, high_open=False, allow_none=False):
-    if x is None:
-        if allow_none:
-            return None
-        raise ModelError(f"{name}: a number is required")
-    if isinstance(x, (bool, np.bool_)) or not isinstance(x, (int, float, np.integer, np.floating)):
-        raise ModelError(f"{name}: expected a number, got {type(x).__name__}")
-    x = float(x)
-    if not math.isfinite(x):
-        raise ModelError(f"{name}: must be finite, got {x}")
-    if low is not None and (x < low or (low_open and x == low)):
-        raise ModelError(f"{name}: must be {'>' if low_open else '>='} {low}, got {x}")
-    if high is not None and (x > high or (high_open and x == high)):
-        raise ModelError(f"{name}: must be {'<' if high_open else '<='} {high}, got {x}")
-    return x
+_number = number                       # the names other modules use
+_regressors = regressors
+_vector = vector
 
 
 def _whole(x, name, low, high):
-    if isinstance(x, (bool, np.bool_)) or not isinstance(x, (int, np.integer, float, np.floating)) \
-            or float(x) != int(x):
-        raise ModelError(f"{name}: expected a whole number, got {x!r}")
-    x = int(x)
-    if not low <= x <= high:
-        raise ModelError(f"{name}: must be between {low} and {high}, got {x}")
-    return x
+    return integer(x, name, low, high, whole_floats=True)
 
 
 # ------------------------------------------------------------- components
@@ -71,6 +54,12 @@ class Component:
     def __init__(self, sigma=None):
         self.sigma = _number(sigma, f"{type(self).__name__}: sigma", low=0.0, allow_none=True)
 
+    def __setattr__(self, key, value):
+        if key in self.__dict__:
+            raise ModelError(f"{type(self).__name__}: components are immutable; use "
+                             f"with_values({key}=...) for a modified copy")
+        object.__setattr__(self, key, value)
+
     def params(self):
         return (None, None, None)
 
@@ -86,14 +75,13 @@ class Component:
         return [float(self.code if code is None else code), self.sigma, c2, c3, c4]
 
     def with_values(self, **values):
-        """A copy with some attributes replaced (sigma, frequency, ...)."""
-        new = object.__new__(type(self))
-        new.__dict__.update(self.__dict__)
-        for k, v in values.items():
-            if not hasattr(self, k):
-                raise ModelError(f"{type(self).__name__} has no parameter {k!r}")
-            setattr(new, k, v)
-        return new
+        """A copy with some parameters replaced (sigma, frequency, ...),
+        checked as the constructor checks them."""
+        unknown = set(values) - set(self.__dict__)
+        if unknown:
+            raise ModelError(f"{type(self).__name__}.with_values: no parameter "
+                             f"{sorted(unknown)[0]!r}; the parameters are {list(self.__dict__)}")
+        return type(self)(**{**self.__dict__, **values})
 
     @property
     def states(self):
@@ -141,7 +129,8 @@ class _Seasonal(Component):
 
     def __init__(self, period, sigma=None):
         super().__init__(sigma)
-        self.period = _whole(period, f"{type(self).__name__}: period", 2, 10000)
+        self.period = _whole(period, f"{type(self).__name__}: period", 2, 2**31 - 1)
+        check_states(self.states, f"{type(self).__name__}({self.period})")
 
     def params(self):
         return (self.period, None, None)
@@ -327,15 +316,18 @@ def finish_cycle_block(comp, V, I, start=0):
     return V, I
 
 
+@public
 def structural(components):
     """A univariate structural time series model from component objects.
 
     Components are placed by the library in a fixed order (level or trend,
     slope, Butterworth cycle, seasonal, cycles, AR(1), AR(2)), whatever the
     order of the list; ``model.info["components"]`` records, for each
-    component, its name, its first state and its number of states.
+    component, its name, its first state and its number of states. At most
+    ``tessel.limits.MAX_STATES`` states in all.
     """
     comps = check_components(components)
+    check_states(sum(c.states for c in comps), "structural")
     rows, cycle_code = [], 7
     for c in comps:
         if isinstance(c, Cycle):
@@ -348,11 +340,7 @@ def structural(components):
         rows.append(Irregular(0.0).row())
     table = np.array(rows, dtype=float)
     S, V, I = Ref(), Ref(), Ref()
-    try:
-        with capture_messages():
-            starts = call("GetLgmStsm", table, S, V, I)
-    except ZuError as err:
-        raise ModelError(f"structural model refused: {err}") from None
+    starts, _ = api_call("structural", "GetLgmStsm", table, S, V, I)
     names = component_names(comps)
     layout = [(name, int(starts[0, j]), c.states, c) for j, (name, c) in enumerate(zip(names, comps))]
     var, init = V.value, I.value
@@ -362,80 +350,71 @@ def structural(components):
                  info={"kind": "structural", "components": layout})
 
 
+@public
 def arma(ar=(), ma=(), sigma=1.0):
     """An ARMA(p, q) model with a stationary initial state:
     y(t) = phi_1 y(t-1) + ... + e(t) + theta_1 e(t-1) + ..., e ~ N(0, sigma^2).
 
-    The AR part must be stationary (roots of 1 - phi_1 z - ... - phi_p z^p
-    outside the unit circle); white noise (p = q = 0) is not an ARMA model
-    here: use a structural model with an Irregular for it.
+    The layout is the library's (GetLgmArma): r = max(p, q + 1) states, T in
+    companion form (AR coefficients in its first column), Z = (1, 0, ..., 0),
+    state noise sigma^2 theta theta' with theta = (1, theta_1, ..., 0),
+    no observation noise. The initial variance is the stationary one, solved
+    here in O(r^3) (the entry point's direct method costs O(r^6)), so orders
+    up to ``tessel.limits.MAX_STATES`` build at once. The AR part must be
+    stationary (every inverse root inside the unit circle); white noise
+    (p = q = 0) is not an ARMA model here: use a structural model with an
+    Irregular for it.
     """
-    arv = _vector(ar, "arma: ar")
-    mav = _vector(ma, "arma: ma")
-    sig = _number(sigma, "arma: sigma", low=0.0, low_open=True)
+    arv = vector(ar, "arma: ar")
+    mav = vector(ma, "arma: ma")
+    sig = number(sigma, "arma: sigma", low=0.0, low_open=True)
     if arv.size == 0 and mav.size == 0:
         raise ModelError("arma: give at least one AR or MA coefficient")
-    if arv.size and np.any(np.abs(np.roots(np.r_[1.0, -arv][::-1])) <= 1.0 + 1e-10):
-        raise ModelError(f"arma: the AR part {arv.tolist()} is not stationary")
-    S, V, I = Ref(), Ref(), Ref()
-    with capture_messages() as msgs:
-        ok = call("GetLgmArma", arv.reshape(1, -1) if arv.size else EMPTY,
-                  mav.reshape(1, -1) if mav.size else EMPTY, sig, S, V, I)
-    if ok != 1:
-        raise ModelError(f"arma: the library could not build the model: {' '.join(msgs)}")
-    return Model(S.value, V.value, I.value,
-                 info={"kind": f"ARMA({arv.size},{mav.size})", "ar": arv.tolist(),
-                       "ma": mav.tolist(), "sigma": sig})
-
-
-def _vector(x, name):
-    if x is None:
-        return np.zeros(0)
-    if isinstance(x, (int, float, np.integer, np.floating)) and not isinstance(x, bool):
-        x = [x]
+    p, q = arv.size, mav.size
+    r = max(p, q + 1)
+    check_states(r, f"arma (p = {p}, q = {q})")
+    if p:
+        companion = np.zeros((p, p))
+        companion[:, 0] = arv
+        companion[:-1, 1:] += np.eye(p - 1)
+        largest = float(np.max(np.abs(np.linalg.eigvals(companion))))
+        if not largest < 1.0:
+            raise ModelError(f"arma: the AR part is not stationary (an inverse root of modulus "
+                             f"{largest:.12g}; stationary means every one below 1): "
+                             f"{arv.tolist() if p <= 8 else arv[:8].tolist() + ['...']}")
+    T = np.zeros((r, r))
+    T[:p, 0] = arv
+    T[:-1, 1:] += np.eye(r - 1)
+    theta = np.zeros(r)
+    theta[0] = 1.0
+    theta[1:q + 1] = mav
+    Q = (sig * sig * theta)[:, None] * theta[None, :]   # the entry point's order of rounding
     try:
-        v = np.array(x, dtype=float).ravel() if np.ndim(x) <= 1 else None
-    except (TypeError, ValueError):
-        raise ModelError(f"{name}: expected a sequence of numbers") from None
-    if v is None:
-        raise ModelError(f"{name}: expected a 1-D sequence of numbers")
-    if not np.all(np.isfinite(v)):
-        raise ModelError(f"{name}: coefficients must be finite")
-    return v
+        P = stationary_variance(T, Q)
+    except ValueError:
+        raise ModelError("arma: the AR part is not stationary") from None
+    sys_ = np.vstack([T, np.eye(1, r)])
+    var = np.zeros((r + 1, r + 1))
+    var[:r, :r] = Q
+    return Model(sys_, var, np.vstack([P, np.zeros((1, r))]),
+                 info={"kind": f"ARMA({p},{q})", "ar": arv.tolist(), "ma": mav.tolist(),
+                       "sigma": sig})
 
 
-def _regressors(X, name="X"):
-    """Regressors given time-major (n x k, or a 1-D series) -> k x n."""
-    if X is None:
-        raise ModelError(f"{name}: regressors are required")
-    pd = sys.modules.get("pandas")          # pandas data only where pandas is loaded
-    if pd is not None and isinstance(X, (pd.Series, pd.DataFrame)):
-        X = X.to_numpy(dtype=float)
-    try:
-        arr = np.array(X, dtype=float)
-    except (TypeError, ValueError):
-        raise ModelError(f"{name}: expected numbers (n time points x k regressors)") from None
-    if arr.ndim == 1:
-        arr = arr[:, None]
-    if arr.ndim != 2 or arr.shape[0] < 1 or arr.shape[1] < 1:
-        raise ModelError(f"{name}: expected a non-empty n x k array (time points in rows), "
-                         f"got shape {arr.shape}")
-    if not np.all(np.isfinite(arr)):
-        raise ModelError(f"{name}: regressors must be finite")
-    return np.ascontiguousarray(arr.T)
-
-
+@public
 def regression(X):
     """The regression model y(t) = x(t)' beta + eps(t), eps ~ N(0, 1), beta
     constant and diffuse. ``X`` is n x k (time points in rows) or a 1-D
     series; it becomes the model's ``tvdata``."""
-    tv = _regressors(X)
+    tv = regressors(X)
+    check_states(tv.shape[0], "regression")
     S, V, I, SI = Ref(), Ref(), Ref(), Ref()
-    call("GetLgmReg", tv, S, V, I, SI)
+    api_call("regression", "GetLgmReg", tv, S, V, I, SI)
     return Model(S.value, V.value, I.value, sysidx=SI.value, tvdata=tv,
                  info={"kind": "regression", "regressors": tv.shape[0]})
 
 
+@public
 def add_regression(model, X):
     """``model`` with regression effects x(t)' beta added in front of its
     states (k new diffuse states, the regressors as ``tvdata`` rows 0..k-1).
@@ -453,8 +432,9 @@ def add_regression(model, X):
     if np.any(model.var[:m, m] != 0):
         raise ModelError("add_regression: the model has covariances between state and "
                          "observation disturbances, which regression effects cannot keep")
-    tv = _regressors(X)
+    tv = regressors(X)
     k = tv.shape[0]
+    check_states(m + k, "add_regression")
     if model.tvdata is not None and model.tvdata.shape[1] != tv.shape[1]:
         raise ModelError(f"add_regression: X has {tv.shape[1]} time points, the model's "
                          f"tvdata {model.tvdata.shape[1]}")
@@ -462,7 +442,7 @@ def add_regression(model, X):
     if init is None:  # fully diffuse start, written out explicitly
         init = np.vstack([-np.eye(m), np.zeros((1, m))])
     S, V, I, SI = Ref(model.sys), Ref(model.var), Ref(init), Ref(EMPTY)
-    call("AddLgmReg", tv, S, V, I, SI)
+    api_call("add_regression", "AddLgmReg", tv, S, V, I, SI)
     M = m + k
 
     sysidx = np.array(SI.value)
@@ -494,6 +474,7 @@ def add_regression(model, X):
                  meanidx=meanidx, tvdata=tvdata, info=info)
 
 
+@public
 def spline(q, spacing=None):
     """The cubic smoothing spline model with smoothing ratio ``q`` (slope
     disturbance variance over observation variance, which is 1).
@@ -504,17 +485,17 @@ def spline(q, spacing=None):
     transition after time 0) the transition and state variance vary with
     time.
     """
-    qv = _number(q, "spline: q", low=0.0)
+    qv = number(q, "spline: q", low=0.0)
     S, V, I = Ref(), Ref(), Ref()
     if spacing is None:
-        call("GetLgmSpline", qv, EMPTY, S, V, I)
+        api_call("spline", "GetLgmSpline", qv, EMPTY, S, V, I)
         return Model(S.value, V.value, I.value, info={"kind": "spline", "q": qv})
-    d = _vector(spacing, "spline: spacing")
+    d = vector(spacing, "spline: spacing")
     if d.size < 1:
         raise ModelError("spline: spacing needs at least one value")
     if np.any(d < 0):
         raise ModelError("spline: spacings must not be negative")
     SI, VI, TV = Ref(), Ref(), Ref()
-    call("GetLgmSpline", qv, d.reshape(1, -1), S, V, I, SI, VI, TV)
+    api_call("spline", "GetLgmSpline", qv, d.reshape(1, -1), S, V, I, SI, VI, TV)
     return Model(S.value, V.value, I.value, sysidx=SI.value, varidx=VI.value,
                  tvdata=TV.value, info={"kind": "spline", "q": qv})
