@@ -12,7 +12,7 @@ import numpy as np
 from ._lowlevel import _tessel
 
 __all__ = ["live_allocations", "allocation_attempts", "fail_allocation",
-           "injected_failure_delivered", "library_path"]
+           "injected_failure_delivered", "library_path", "running_calls"]
 
 
 def live_allocations():
@@ -40,3 +40,9 @@ def injected_failure_delivered():
 def library_path():
     """Path of the library file the host loads."""
     return _tessel.library_path()
+
+
+def running_calls():
+    """Library calls still running, those abandoned after an interrupt
+    included (their host values are freed when they end)."""
+    return _tessel.running_calls()
