@@ -11,7 +11,6 @@ import pickle
 import subprocess
 import sys
 import threading
-import time
 import warnings
 
 import numpy as np
@@ -187,42 +186,6 @@ def test_messages_captured_or_warned_at_the_callers_line():
         t.start()
         t.join()
     assert main == [] and len(seen["worker"]) == 8
-
-
-def test_one_call_at_a_time():
-    """A nested call from a message handler is refused, and the refusal
-    surfaces from the outer call. While a handler has let go of the
-    interpreter lock, another thread's call waits for the first to end."""
-    def nested(*args, **kwargs):
-        tessel.call("LgmVersion")
-
-    with warnings.catch_warnings():
-        warnings.simplefilter("always")
-        warnings.showwarning = nested
-        with pytest.raises(RuntimeError, match="already running a call"):
-            tessel.call("LgmAbout")
-    events, results = [], []
-
-    def other():
-        results.append(recursion(U))
-        events.append("other done")
-
-    worker = threading.Thread(target=other)
-
-    def show(*args, **kwargs):
-        if not worker.is_alive() and not events:
-            worker.start()
-            time.sleep(0.2)  # releases the interpreter lock
-            events.append("handler done")
-
-    with warnings.catch_warnings():
-        warnings.simplefilter("always")
-        warnings.showwarning = show
-        tessel.call("LgmAbout")
-    events.append("call done")
-    worker.join(timeout=10)
-    assert events == ["handler done", "call done", "other done"]
-    np.testing.assert_array_equal(results[0], recursion(U))
 
 
 @pytest.mark.parametrize("seed", [0, 2**64 - 1, np.uint64(2**64 - 1)])
