@@ -1,5 +1,6 @@
 """Entry of the `tessel` command (python -m tessel)."""
 import os
+import signal
 import sys
 
 
@@ -13,6 +14,7 @@ def _interrupted():
         os._exit(130)
 
 
+signal.signal(signal.SIGINT, signal.default_int_handler)   # KeyboardInterrupt from here on
 try:
     from .cli import main
 

@@ -49,6 +49,15 @@ def _failed(name, msgs):
                           "than diffuse initial elements)")
 
 
+def _finite(where, *values):
+    """NumericalError when a result that the data determine is not finite
+    (values so large or small that the library's arithmetic overflowed)."""
+    for v in values:
+        if not np.all(np.isfinite(v)):
+            raise NumericalError(f"{where}: the result is not finite: the data or the variances are "
+                                 "too large (or too small) for double precision; rescale them")
+
+
 def state_names(model):
     return [f"state{i}" for i in range(model.m)]
 
@@ -68,7 +77,7 @@ def _prepare(y, model, where, smoother=False):
         warnings.warn(f"{where}: a time point with every series missing makes the multivariate "
                       "smoother return NaN for it and every earlier time point", RuntimeWarning,
                       stacklevel=3)
-    return data, model.args(data.n)
+    return data, model.args(data.n, where)
 
 
 # ------------------------------------------------------------- filtering
@@ -149,6 +158,7 @@ def loglik(y, model):
     ok, msgs = _run("LgmLik", ll, s2, data.values, *args, where="loglik")
     if ok != 1:
         raise _failed("LgmLik", msgs)
+    _finite("loglik", ll.value, s2.value)
     return LogLik(ll.value, s2.value, _nobs(data, model))
 
 
@@ -161,6 +171,7 @@ def loglik_concentrated(y, model):
     ok, msgs = _run("LgmLikConc", ll, s2, data.values, *args, where="loglik_concentrated")
     if ok != 1:
         raise _failed("LgmLikConc", msgs)
+    _finite("loglik_concentrated", ll.value, s2.value)
     return LogLik(ll.value, s2.value, _nobs(data, model))
 
 
@@ -186,6 +197,7 @@ def score(y, model):
     ok, msgs = _run("LgmLikSco", ll, s2, S, data.values, *args, where="score")
     if ok != 1:
         raise _failed("LgmLikSco", msgs)
+    _finite("score", ll.value, S.value)
     return Score(ll.value, s2.value, S.value)
 
 

@@ -21,7 +21,7 @@ import numpy as np
 from ._linalg import stationary_variance
 from ._lowlevel import EMPTY, Ref, api_call
 from .convert import integer, number, public, regressors, vector
-from .limits import check_states
+from .limits import MAX_ARMA_STATES, check_states
 from .model import Model, ModelError
 
 __all__ = [
@@ -65,12 +65,13 @@ class Component:
 
     def row(self, code=None):
         if self.sigma is None:
-            raise ModelError(f"{self!r}: sigma is not set (give a value, or estimate it with tessel.fit)")
+            raise ModelError(f"components: {self!r}: sigma is not set (give a value, or estimate it "
+                             "with tessel.fit)")
         p = self.params()
         missing = [f for f in self.free_parameters if getattr(self, f) is None]
         if missing:
-            raise ModelError(f"{self!r}: {', '.join(missing)} not set (give values, or estimate "
-                             "them with tessel.fit)")
+            raise ModelError(f"components: {self!r}: {', '.join(missing)} not set (give values, or "
+                             "estimate them with tessel.fit)")
         c2, c3, c4 = (0.0 if v is None else float(v) for v in p)
         return [float(self.code if code is None else code), self.sigma, c2, c3, c4]
 
@@ -252,41 +253,44 @@ class Irregular(Component):
         return 0
 
 
-def check_components(components):
-    """Validate a component list; returns it as a list with cycle codes
-    assigned (7, 8, ... in list order) and unique display names."""
+def check_components(components, where="components"):
+    """Validate a component list; returns it as a list. Messages begin with
+    ``where`` (the function and argument)."""
     if isinstance(components, Component):
         components = [components]
+    if isinstance(components, (str, bytes, dict)):
+        raise ModelError(f"{where}: {components!r} is not a tessel component (expected a list of "
+                         "them: Level, Slope, ...)")
     try:
         comps = list(components)
     except TypeError:
-        raise ModelError("components: expected a list of tessel components") from None
+        raise ModelError(f"{where}: expected a list of tessel components") from None
     if not comps:
-        raise ModelError("components: at least one component is required")
+        raise ModelError(f"{where}: at least one component is required")
     for c in comps:
         if not isinstance(c, Component):
-            raise ModelError(f"components: {c!r} is not a tessel component (Level, Slope, ...)")
+            raise ModelError(f"{where}: {c!r} is not a tessel component (Level, Slope, ...)")
     kinds = [type(c) for c in comps]
 
     def count(*types):
         return sum(1 for k in kinds if k in types)
 
     if count(Level, Trend) > 1:
-        raise ModelError("components: at most one Level or Trend")
+        raise ModelError(f"{where}: at most one Level or Trend")
     if count(Slope) > 1:
-        raise ModelError("components: at most one Slope")
+        raise ModelError(f"{where}: at most one Slope")
     if count(Slope) and not count(Level):
-        raise ModelError("components: a Slope needs a Level (use Trend(order=2) for a smooth trend)")
+        raise ModelError(f"{where}: a Slope needs a Level (use Trend(order=2) for a smooth trend)")
     if count(DummySeasonal, TrigSeasonal, SumSeasonal) > 1:
-        raise ModelError("components: at most one seasonal component")
+        raise ModelError(f"{where}: at most one seasonal component")
     for t, label in ((Irregular, "Irregular"), (AR1, "AR1"), (AR2, "AR2"),
                      (ButterworthCycle, "ButterworthCycle")):
         if count(t) > 1:
-            raise ModelError(f"components: at most one {label}")
+            raise ModelError(f"{where}: at most one {label}")
     if count(Cycle) > 10:
-        raise ModelError("components: at most ten cycles")
+        raise ModelError(f"{where}: at most ten cycles")
     if all(isinstance(c, Irregular) for c in comps):
-        raise ModelError("components: at least one component with a state (not only Irregular)")
+        raise ModelError(f"{where}: at least one component with a state (not only Irregular)")
     return comps
 
 
@@ -359,8 +363,8 @@ def arma(ar=(), ma=(), sigma=1.0):
     companion form (AR coefficients in its first column), Z = (1, 0, ..., 0),
     state noise sigma^2 theta theta' with theta = (1, theta_1, ..., 0),
     no observation noise. The initial variance is the stationary one, solved
-    here in O(r^3) (the entry point's direct method costs O(r^6)), so orders
-    up to ``tessel.limits.MAX_STATES`` build at once. The AR part must be
+    here in O(r^3) (the entry point's direct method costs O(r^6)): up to
+    ``tessel.limits.MAX_ARMA_STATES`` states (300) in under 0.3 s. The AR part must be
     stationary (every inverse root inside the unit circle); white noise
     (p = q = 0) is not an ARMA model here: use a structural model with an
     Irregular for it.
@@ -372,7 +376,7 @@ def arma(ar=(), ma=(), sigma=1.0):
         raise ModelError("arma: give at least one AR or MA coefficient")
     p, q = arv.size, mav.size
     r = max(p, q + 1)
-    check_states(r, f"arma (p = {p}, q = {q})")
+    check_states(r, f"arma (p = {p}, q = {q})", MAX_ARMA_STATES)
     if p:
         companion = np.zeros((p, p))
         companion[:, 0] = arv
@@ -389,6 +393,9 @@ def arma(ar=(), ma=(), sigma=1.0):
     theta[0] = 1.0
     theta[1:q + 1] = mav
     Q = (sig * sig * theta)[:, None] * theta[None, :]   # the entry point's order of rounding
+    if not np.all(np.isfinite(Q)):
+        raise ModelError(f"arma: sigma = {sig:g} with these MA coefficients gives a disturbance "
+                         "variance beyond double precision; rescale the data")
     try:
         P = stationary_variance(T, Q)
     except ValueError:

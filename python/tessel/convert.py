@@ -83,16 +83,11 @@ def floats(x, where):
     if kind in _REFUSED_KINDS:
         raise ModelError(f"{where}: expected numbers, got {_REFUSED_KINDS[kind]}")
     if kind == "O":
-        flat = arr.ravel()
-        for v in flat:
-            if not _is_real(v):
-                what = "None (use NaN for a missing value)" if v is None else \
-                    f"a value of type {_describe(v)}"
-                raise ModelError(f"{where}: expected numbers, got {what}")
-        try:
-            return np.array([float(v) for v in flat], dtype=np.float64).reshape(arr.shape)
-        except OverflowError:
-            raise ModelError(f"{where}: a number is too large for a double") from None
+        bad = next((v for v in arr.ravel() if not _is_real(v)), arr)
+        what = ("None (use NaN for a missing value)" if bad is None else
+                f"a value of type {_describe(bad)}" if bad is not arr else
+                "an array of Python objects (dtype object; convert it with np.asarray(x, dtype=float))")
+        raise ModelError(f"{where}: expected numbers, got {what}")
     return np.array(arr, dtype=np.float64)
 
 

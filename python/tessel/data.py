@@ -470,8 +470,9 @@ def periods_per_year(index):
 
 def example_path(name):
     """Path of a bundled data set (TESSEL_DATA_DIR overrides the folder)."""
-    if name not in _EXAMPLES:
-        raise ModelError(f"unknown example {name!r}; choose one of {sorted(_EXAMPLES)}")
+    if not isinstance(name, str) or name not in _EXAMPLES:
+        raise ModelError(f"load_example: name: unknown example {name!r}; choose one of "
+                         f"{sorted(_EXAMPLES)}")
     folder = os.environ.get("TESSEL_DATA_DIR")
     base = Path(folder) if folder else Path(__file__).resolve().parents[2] / "examples" / "data"
     path = base / _EXAMPLES[name]

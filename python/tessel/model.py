@@ -44,8 +44,9 @@ __all__ = ["Model", "ModelError", "NumericalError"]
 
 SYMMETRY_TOL = 1e-10
 PSD_TOL = 1e-8
-# time points whose variance matrices are checked in one batch
-_CHUNK = 2048
+# variance matrices are checked in batches of about this many operations
+# (a batch is one numpy call: Ctrl-C waits for it)
+_BATCH_WORK = 4e6
 
 
 def _frozen(arr):
@@ -57,9 +58,11 @@ def _frozen(arr):
     return view
 
 
-def _matrix(x, name, shape=None, allow_nan=False, column=False):
+def _matrix(x, name, shape=None, allow_nan=False, column=False, required=False):
     """A private float64 copy of ``x`` as a 2-D matrix, checked."""
     if x is None:
+        if required:
+            raise ModelError(f"{name}: a matrix is required")
         return None
     arr = floats(x, name)
     if arr.ndim > 2:
@@ -147,8 +150,9 @@ def _check_var_path(var, varidx, tvdata):
             G, J = None, np.arange(var.shape[0])
     pos = np.full(var.shape[0], -1)
     pos[J] = np.arange(J.size)
-    for t0 in range(0, tvdata.shape[1], _CHUNK):
-        t1 = min(tvdata.shape[1], t0 + _CHUNK)
+    chunk = max(1, min(4096, int(_BATCH_WORK / max(J.size, 1) ** 3)))
+    for t0 in range(0, tvdata.shape[1], chunk):
+        t1 = min(tvdata.shape[1], t0 + chunk)
         M = np.repeat(var[np.ix_(J, J)][None], t1 - t0, axis=0)
         for (i, j), r in zip(tv_at, rows):
             M[:, pos[i], pos[j]] = tvdata[r, t0:t1]
@@ -178,12 +182,12 @@ class Model:
     @public
     def __init__(self, sys, var, init=None, mean=None, sysidx=None, varidx=None,
                  meanidx=None, tvdata=None, info=None):
-        s = _matrix(sys, "sys")
+        s = _matrix(sys, "sys", required=True)
         if s.shape[1] < 1 or s.shape[0] <= s.shape[1]:
             raise ModelError(
                 f"sys: expected (m+N) x m with m >= 1 and N >= 1 (more rows than columns), got {s.shape}")
         m, p = s.shape[1], s.shape[0]
-        v = _matrix(var, "var", (p, p))
+        v = _matrix(var, "var", (p, p), required=True)
         bad = psd_problem(v)
         if bad is not None:
             raise ModelError(f"var {bad[1]}")
@@ -284,20 +288,20 @@ class Model:
         kw.update(changes)
         return Model(**kw)
 
-    def args(self, n=None):
+    def args(self, n=None, where="Model.args"):
         """The model block as the positional arguments of ``tessel.call``.
 
         ``n`` is the number of time points of the data the call will use; a
-        time-varying model must cover exactly that many (ModelError
-        otherwise). The block is passed whole or not at all: the library
-        treats part of it as an error that can end the process.
+        time-varying model must cover exactly that many (ModelError naming
+        ``where`` otherwise). The block is passed whole or not at all: the
+        library treats part of it as an error that can end the process.
         """
         out = [self.sys, self.var]
         tail = [self.init, self.mean]
         if self.tvdata is not None:
             if n is not None and self.tvdata.shape[1] != n:
-                raise ModelError(f"tvdata has {self.tvdata.shape[1]} columns but the data "
-                                 f"has {n} time points")
+                raise ModelError(f"{where}: the model's tvdata has {self.tvdata.shape[1]} columns "
+                                 f"but the data has {n} time points")
             tail += [self.sysidx, self.varidx, self.meanidx, self.tvdata]
         while tail and tail[-1] is None:
             tail.pop()

@@ -16,13 +16,15 @@ import numpy as np
 
 from .analysis import _check_model, _failed, _prepare, _run, state_names
 from .convert import choice, flag, floats, generator, host_seed, indices, integer, public
+from .limits import check_memory
 from .model import ModelError, NumericalError
 
 __all__ = ["conditional_density", "recursion", "simulate", "simulation_smoother",
            "ConditionalDensity", "Recursion", "SimulationSmoother"]
 
-# time points whose variance factors are formed in one batch
-_CHUNK = 4096
+# variance factors are formed in batches of about this many operations (a
+# batch is one numpy call: Ctrl-C waits for it)
+_BATCH_WORK = 4e6
 
 
 # -------------------------------------------------- conditional density
@@ -214,6 +216,7 @@ def simulate(model, n, seed=None, rng=None):
     """
     _check_model(model, "simulate")
     n = integer(n, "simulate: n", 1, None)
+    check_memory(6 * 8 * (n + 1) * (model.m + model.N), "simulate")
     gen = generator(seed, rng, "simulate")
     m, p = model.m, model.m + model.N
     mod = model.with_tvdata_length(n + 1)
@@ -223,8 +226,9 @@ def simulate(model, n, seed=None, rng=None):
         u[1:] = z[1:] @ _factors(np.asarray(mod.var)).T
     else:
         # disturbances of row t belong to the system of time t-1
-        for t0 in range(0, n, _CHUNK):
-            t1 = min(n, t0 + _CHUNK)
+        chunk = max(1, min(4096, int(_BATCH_WORK / p ** 3)))
+        for t0 in range(0, n, chunk):
+            t1 = min(n, t0 + chunk)
             L = _factors(mod.var_at(t0, t1))
             u[t0 + 1:t1 + 1] = np.einsum("tij,tj->ti", L, z[t0 + 1:t1 + 1])
     u[0] = 0.0
@@ -266,6 +270,7 @@ def simulation_smoother(y, model, select=None, ndraws=1, seed=None, rng=None):
     if sel.size == 0:
         raise ModelError("simulation_smoother: nothing selected to draw")
     ndraws = integer(ndraws, "simulation_smoother: ndraws", 1, None)
+    check_memory(8 * ndraws * (data.n + 1) * (p + 1), "simulation_smoother")
     gen = generator(seed, rng, "simulation_smoother")
     selmat, wgt, clean = _weights(data, model, args, sel, "simulation_smoother")
     q, n = sel.size, data.n
