@@ -189,7 +189,7 @@ REFUSED = [
     (lambda: C.arma([1.0], [], 1.0), "not stationary"),
     (lambda: C.arma([0.5], [], 0.0), "sigma: must be > 0"),
     (lambda: C.arma([[0.5, 0.1], [0.2, 0.3]], [], 1.0), "1-D sequence"),
-    (lambda: C.arma(ma=[0.1] * 400), "401 states exceed"),
+    (lambda: C.arma(ma=[0.1] * 300), "301 states exceed the limit of 300"),
     (lambda: C.regression(np.zeros((0, 2))), "non-empty"),
     (lambda: C.regression([[1.0], [np.nan]]), "must be finite"),
     (lambda: C.spline(-1.0), "q: must be >= 0"),
