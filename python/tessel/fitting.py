@@ -26,6 +26,7 @@ import numpy as np
 from . import components as C
 from ._lowlevel import _capture_stack, _tessel
 from .forms import _PACF_BOUND, _Sarima, _Structural
+from .limits import check_fit
 from .model import ModelError
 from .optimizer import covariance, minimize_bounded, polish
 from .sarima import SARIMA, coef_to_pacf
@@ -490,7 +491,7 @@ def fit(y, structure, exog=None, *, fixed=None, start=None, cycle_periods=None, 
         raise ModelError("fit: start values are not available for several series")
     X, xnames = _exog(exog, data.n)
     if not isinstance(structure, SARIMA):
-        comps = C.check_components(structure)
+        comps = C.check_components(structure, "fit: structure")
         if not any(c.sigma is None or any(getattr(c, a) is None for a in c.free_parameters)
                    for c in comps):
             raise ModelError("fit: nothing to estimate (every parameter is fixed)")
@@ -500,6 +501,7 @@ def fit(y, structure, exog=None, *, fixed=None, start=None, cycle_periods=None, 
     lik.exog_names = xnames
     if not lik.params:
         raise ModelError("fit: nothing to estimate (every parameter is fixed)")
+    check_fit(lik.model0.m, data.n, len(lik.params), lik.nobs)
     start = _number_map(start, "start")
     unknown = set(start) - set(lik.names)
     if unknown:

@@ -27,7 +27,9 @@ import numpy as np
 
 from . import analysis as A
 from . import components as C
+from .convert import integer, probability
 from .diagnostics import Diagnostics, heteroskedasticity, jarque_bera, ljung_box, normal_quantile
+from .limits import check_memory
 from .model import ModelError
 
 __all__ = ["FitResult", "Forecast", "extend_index", "RESULTS_SCHEMA_VERSION"]
@@ -216,6 +218,7 @@ class FitResult:
         """Ljung-Box, Jarque-Bera and heteroskedasticity tests of the
         standardised innovations (the first d observed values left out): a
         Diagnostics, or a list of one per series for several series."""
+        lags = integer(lags, "diagnostics: lags", 1, max(1, self.nobs - 1), allow_none=True)
         E = self.standardized_innovations()
         out = []
         for j, name in enumerate(self.series):
@@ -252,7 +255,7 @@ class FitResult:
 
     def component_columns(self, level=0.95):
         """Smoothed components as {column: array}; see :meth:`components`."""
-        z = normal_quantile(0.5 + level / 2)
+        z = normal_quantile(0.5 + probability(level, "components: level") / 2)
         sm = self.smoothed()
         st, sv = np.asarray(sm.state), np.asarray(sm.state_var)
         N, m = self.data.N, self.model.m
@@ -310,9 +313,10 @@ class FitResult:
         regressors, ``exog`` gives their h future values (h x k)."""
         if isinstance(h, bool) or not isinstance(h, (int, np.integer)) or h < 1:
             raise ModelError(f"forecast: h must be a positive int, got {h!r}")
-        if not (isinstance(level, float) and 0 < level < 1):
+        if not (isinstance(level, (float, np.floating)) and 0 < level < 1):
             raise ModelError(f"forecast: level must be a float in (0, 1), got {level!r}")
         lik, n, N = self.likelihood, self.data.n, self.data.N
+        check_memory(8 * 8 * (n + h) * (self.model.m + N + 1), "forecast")
         y = np.vstack([self._y().reshape(n, N), np.full((h, N), np.nan)])
         y = y[:, 0] if N == 1 else y
         model = self.model
@@ -348,6 +352,10 @@ class FitResult:
         """Data, smoothed components with bands and optional forecasts
         (see :func:`tessel.plotting.plot_fit`)."""
         from .plotting import plot_fit
+        if forecast is not None and not isinstance(forecast, Forecast):
+            raise ModelError(f"plot: forecast must be the result of forecast(h) or None, got "
+                             f"{type(forecast).__name__}")
+        probability(level, "plot: level")
         return plot_fit(self, path=path, forecast=forecast, level=level, x=x, fx=fx,
                         xlabel=xlabel)
 

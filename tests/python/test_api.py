@@ -221,7 +221,7 @@ REFUSED = [
     (lambda: C.simulate(LEVEL, 0), "n: must be >= 1"),
     (lambda: C.recursion(LEVEL, np.ones((1, 2))), r"\(n\+1\) x 2"),
     (lambda: C.recursion(LEVEL, np.full((3, 2), np.nan)), "finite"),
-    (lambda: C.ARMA(math.nan, 1), "ARMA: p: expected a whole number"),                        # finding
+    (lambda: C.ARMA(math.nan, 1), "p: expected a whole number, got nan"),                      # finding
     (lambda: C.fit(Y, [L(), I()], tol="x"), "fit: tol"),                                       # finding
     (lambda: C.fit(np.arange(30.0) % 7, C.ARMA(20, 20)), "41 parameters .* 30 observed"),    # finding
     (lambda: _fit().plot(forecast="abc"), "plot: forecast must be"),                           # finding
