@@ -118,6 +118,7 @@ REG = tessel.add_regression(LEVEL, np.sin(np.arange(N_OBS))[:, None])
 SPLINE = tessel.spline(2.0, np.ones(N_OBS))
 FIT = tessel.fit(NILE_Y, [tessel.Level(), tessel.Irregular()])
 FORECAST = FIT.forecast(5)
+NILE_CSV = open(NILE).read()
 MODELS = {"LEVEL": LEVEL, "BSM": BSM, "ARMA11": ARMA11, "REG": REG, "SPLINE": SPLINE}
 
 
@@ -460,11 +461,10 @@ generate("fit", lambda y, structure, maxiter, tol: tessel.fit(y, structure, maxi
                          ("fixed", [tessel.Level(1.0), tessel.Irregular(1.0)], "refuse"),
                          ("None", None, "refuse"), ("model", LEVEL, "refuse"), ("empty", [], "refuse")]),
           "maxiter": (20, scalar_catalogue("int", 1, None, short=True)),
-          "tol": (1e-6, scalar_catalogue("float", 0, None, open_=True, short=True))},
+          "tol": (1e-6, scalar_catalogue("float", 0, 1, open_=True, short=True))},
          check=lambda r: ll_check(r))
 generate("ARMA", lambda p, q: tessel.ARMA(p, q),
-         {"p": (1, scalar_catalogue("int", 0, 20, whole=True)),
-          "q": (1, scalar_catalogue("int", 0, 20, whole=True, short=True))})
+         {"p": (1, scalar_catalogue("int", 0, 20)), "q": (1, scalar_catalogue("int", 0, 20, short=True))})
 CASES.append(Case("ARMA", "p=q=0", lambda: tessel.ARMA(0, 0), "refuse", names=("p", "q")))
 generate("forecast", lambda h, level: FIT.forecast(h, level),
          {"h": (5, [c for c in scalar_catalogue("int", 1, None) if c[1] != 2 ** 70]
@@ -493,6 +493,24 @@ generate("load_example", lambda name: tessel.load_example(name),
          {"name": ("nile", choice_catalogue(["nile", "air_passengers", "uk_driver_deaths"])[:3]
                    + [("unknown", "mars", "refuse"), ("None", None, "refuse"), ("int", 3, "refuse"),
                       ("path", "../../etc/passwd", "refuse"), ("list", ["nile"], "refuse")])})
+
+
+CSV_FILES = {}
+for label, text in [("nile", NILE_CSV), ("empty", ""), ("header-only", "t,y\n"), ("strings", "t,y\n1,a\n2,b\n"),
+                    ("binary", bytes(range(256)).decode("latin-1")), ("ragged", "t,y\n1,2,3\n2\n"),
+                    ("semicolons", "t;y\n1;2,5\n2;3,5\n3;4,0\n"), ("duplicate-index", "t,y\n1,2\n1,3\n2,4\n")]:
+    path = os.path.join(tempfile.mkdtemp(prefix="hostile-csv-"), "data.csv")
+    with open(path, "w", encoding="latin-1") as f:
+        f.write(text)
+    CSV_FILES[label] = path
+generate("read_series", lambda path, column: tessel.read_series(path, column),
+         {"path": (CSV_FILES["nile"], [(lab, p, "either" if lab in ("semicolons", "duplicate-index") else
+                                        "refuse") for lab, p in CSV_FILES.items() if lab != "nile"]
+                   + [("missing", "/nonexistent/x.csv", "refuse"), ("directory", "/", "refuse"),
+                      ("None", None, "refuse"), ("int", 3, "refuse")]),
+          "column": (None, [("flow", "flow", "either"), ("unknown", "nope", "refuse"), ("int", 3, "refuse"),
+                            ("list", ["a"], "refuse")])},
+         names=("path", "column", "csv", "CSV"))
 
 
 # The by-name call and the seed.
@@ -568,7 +586,6 @@ def command_check(verdict):
     return check
 
 
-NILE_CSV = open(NILE).read()
 for label, argv, verdict, csv in [
         ("valid", ["fit", "data.csv", "-m", "level,irregular", "-q", "-o", "OUT"], "accept", NILE_CSV),
         ("no-args", [], "refuse", None), ("unknown-command", ["frobnicate"], "refuse", None),

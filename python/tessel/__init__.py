@@ -20,6 +20,11 @@ The compiled module ``_tessel`` must be importable (it is built into
 
 import importlib
 import importlib.util
+import sys as _sys
+
+if _sys.argv[:1] == ["-m"]:          # loaded as the command: Ctrl-C from the start
+    from . import _interrupt
+    _interrupt.install()
 
 if importlib.util.find_spec("_tessel") is None:
     raise ImportError("the Tessel extension is not built: run scripts/setup.sh (the compiled "

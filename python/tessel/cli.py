@@ -569,7 +569,8 @@ def main(argv=None):
         return err.status
     except Exception as err:  # noqa: BLE001 - a clean message for every failure
         import tessel
-        if isinstance(err, (tessel.ModelError, tessel.NumericalError, FileNotFoundError)):
+        if isinstance(err, (tessel.ModelError, tessel.NumericalError, FileNotFoundError,
+                            MemoryError)):
             print(f"tessel: error: {err}", file=sys.stderr)
             return 1
         raise

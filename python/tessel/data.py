@@ -500,8 +500,17 @@ def read_series(path, column=None):
     years and whole numbers, a DatetimeIndex with its frequency for dates;
     gaps filled with NaN). ``column``: default the last numeric column."""
     import pandas as pd
-    data = read_csv(path)
-    name = pick_column(data, column)
+    if not isinstance(path, (str, os.PathLike)):
+        raise ModelError(f"read_series: path: expected a file name, got {type(path).__name__}")
+    if column is not None and not isinstance(column, str):
+        raise ModelError(f"read_series: column: expected a column name, got {column!r}")
+    if not os.path.exists(path):
+        raise ModelError(f"read_series: path: no such file: {path}")
+    try:
+        data = read_csv(path)
+        name = pick_column(data, column)
+    except ModelError as err:
+        raise ModelError(f"read_series: {err}") from None
     return pd.Series(data.column(name), index=data.index.to_pandas(), name=name)
 
 

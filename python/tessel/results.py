@@ -49,7 +49,7 @@ def extend_index(index, h):
     if isinstance(index, pd.DatetimeIndex):
         freq = index.freq or (pd.infer_freq(index) if len(index) >= 3 else None)
         if freq is None:
-            raise ModelError("forecast: the DatetimeIndex has no frequency to extend")
+            raise ModelError("extend_index: the DatetimeIndex has no frequency to extend")
         return pd.date_range(index[-1], periods=h + 1, freq=freq)[1:]
     if isinstance(index, pd.RangeIndex):
         step = index.step
@@ -59,9 +59,9 @@ def extend_index(index, h):
         steps = np.diff(vals)
         step = int(steps[0]) if steps.size and np.all(steps == steps[0]) else None
         if step is None or step == 0:
-            raise ModelError("forecast: the integer index has no constant step to extend")
+            raise ModelError("extend_index: the integer index has no constant step to extend")
         return pd.Index(vals[-1] + step * np.arange(1, h + 1), name=index.name)
-    raise ModelError(f"forecast: cannot extend an index of type {type(index).__name__}")
+    raise ModelError(f"extend_index: cannot extend an index of type {type(index).__name__}")
 
 
 @dataclass
