@@ -135,8 +135,6 @@ private:
 };
 
 // ---- allocation accounting and failure injection ----
-// The counts are exact under concurrent calls; the injected failure goes to
-// whichever thread makes the k-th allocation.
 struct LiveCounts {
     long blocks = 0;  // matrix blocks: MatAllocBlock and matrix values
     long tables = 0;  // TabAllocPlain tables

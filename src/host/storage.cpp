@@ -1,6 +1,7 @@
 // storage.cpp - the host's one allocator for matrices and plain tables, with
 // allocation accounting and failure injection. The counters are atomic:
-// calls may allocate on several threads at once.
+// calls may allocate on several threads at once (the counts stay exact; an
+// injected failure goes to whichever thread makes the k-th allocation).
 //
 // Layout of every block: a 16-byte header (magic word and kind), the array
 // of row pointers, padding to 16 bytes, then the zero-filled elements row by
