@@ -13,6 +13,7 @@ library's message); running out of memory raises MemoryError naming the
 function. Simulation lives in :mod:`tessel.simulation`.
 """
 
+import math
 import warnings
 from dataclasses import dataclass
 from typing import Any
@@ -53,7 +54,7 @@ def _finite(where, *values):
     """NumericalError when a result that the data determine is not finite
     (values so large or small that the library's arithmetic overflowed)."""
     for v in values:
-        if not np.all(np.isfinite(v)):
+        if not (math.isfinite(v) if isinstance(v, float) else np.isfinite(v).all()):
             raise NumericalError(f"{where}: the result is not finite: the data or the variances are "
                                  "too large (or too small) for double precision; rescale them")
 

@@ -62,7 +62,11 @@ def floats(x, where):
                     and not pd.api.types.is_complex_dtype(dt)):
                 label = "" if name is None else f" (column {name!r})"
                 raise ModelError(f"{where}: expected numbers{label}, got values of dtype {dt}")
+        plain = all(isinstance(col.dtype, np.dtype) for _, col in
+                    (x.items() if isinstance(x, pd.DataFrame) else [(None, x)]))
         try:
+            if plain:                   # numpy-backed: NaN is already the missing value
+                return np.array(x.to_numpy(), dtype=np.float64)
             return np.array(x.to_numpy(dtype=np.float64, na_value=np.nan), dtype=np.float64)
         except (TypeError, ValueError) as exc:
             raise ModelError(f"{where}: cannot be read as numbers ({exc})") from None

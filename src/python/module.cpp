@@ -107,14 +107,17 @@ public:
         bool queued = false;
     };
 
-    // One try: enters within kPoll or returns false (the ticket stays queued).
-    bool try_enter(Ticket &t) {
+    // One try: enters within `patience` or returns false (the ticket then
+    // stays queued).
+    bool try_enter(Ticket &t, std::chrono::milliseconds patience = kPoll) {
         std::unique_lock<std::mutex> lock(m_);
         if (!t.queued) {
             t.queued = true;
             ++waiting(t);
         }
-        if (!cv_.wait_for(lock, kPoll, [&] { return may_enter(t); })) return false;
+        if (!may_enter(t) &&
+            (patience.count() == 0 || !cv_.wait_for(lock, patience, [&] { return may_enter(t); })))
+            return false;
         --waiting(t);
         t.queued = false;
         if (active_ == 0) {
@@ -145,14 +148,12 @@ public:
     }
 
     // The value chosen by tessel.call's callers (0: messages on).
-    int user() {
-        std::lock_guard<std::mutex> lock(m_);
-        return user_;
-    }
+    int user() const { return user_; }
 
     // Finds the library's flag (loads the library; throws zu::Error when it
     // cannot be loaded). Done once, before the first call.
     void bind() {
+        if (bound_) return;
         std::lock_guard<std::mutex> lock(m_);
         if (bound_) return;
         flag_ = zu::message_switch();
@@ -174,8 +175,8 @@ private:
     std::mutex m_;
     std::condition_variable cv_;
     int *flag_ = nullptr;
-    bool bound_ = false;
-    int user_ = 0;
+    std::atomic<bool> bound_{false};
+    std::atomic<int> user_{0};
     int mode_ = 0;
     int active_ = 0;
     bool exclusive_ = false;
@@ -395,16 +396,20 @@ void enter_gate(SwitchGate::Ticket &ticket) {
     }
 }
 
-// Runs the call; returns once it has finished, or throws (KeyboardInterrupt)
-// leaving a long call to finish on its own thread.
-void execute(std::shared_ptr<Job> job, bool may_end_process) {
-    if (may_end_process || call_cost(*job) < kInlineCost) {
-        ++g_running;
-        {
-            py::gil_scoped_release nogil;
-            run(*job);
-        }
-        --g_running;
+// Runs the call on this thread (interpreter lock released by the caller).
+void run_here(Job &job) {
+    ++g_running;
+    run(job);
+    --g_running;
+}
+
+// Runs the call after the switch gate was entered; returns once it has
+// finished, or throws (KeyboardInterrupt) leaving a long call to finish on its
+// own thread.
+void execute(std::shared_ptr<Job> job, bool here) {
+    if (here) {
+        py::gil_scoped_release nogil;
+        run_here(*job);
         return;
     }
     ++g_running;
@@ -480,8 +485,23 @@ py::tuple call(const std::string &name, const py::sequence &args, const py::sequ
     }
     ticket.want = user_switch ? gate().user() : 0;
     ticket.exclusive = user_switch && name == "LgmWarning";
-    enter_gate(ticket);
-    execute(job, ticket.exclusive || ticket.want != 0);
+    // With messages off a call may end the process: it runs on this thread.
+    const bool here = ticket.exclusive || ticket.want != 0 || call_cost(*job) < kInlineCost;
+    bool entered = false, done = false;
+    {
+        // The usual case, a short call and no other call in the way: one
+        // release of the interpreter lock for the whole call.
+        py::gil_scoped_release nogil;
+        entered = gate().try_enter(ticket, std::chrono::milliseconds::zero());
+        if (entered && here) {
+            run_here(*job);
+            done = true;
+        }
+    }
+    if (!done) {
+        if (!entered) enter_gate(ticket);
+        execute(job, here);
+    }
 
     // Finished: messages first (a handler's exception wins over a host error).
     std::unique_ptr<py::error_already_set> handler_error = deliver(job->messages);
