@@ -21,9 +21,8 @@ from typing import Any
 import numpy as np
 
 from . import _lowlevel
-from .analysis import (
-    Disturbances, LogLik, Moments, Score, _Data, _check_model, _generator, state_names,
-)
+from .analysis import Disturbances, LogLik, Moments, Score, _check_model, state_names
+from .convert import Data as _Data, generator
 from .model import ModelError, NumericalError
 
 _tessel = _lowlevel._tessel
@@ -232,7 +231,7 @@ def simulation_smoother(y, model, ndraws=1, seed=None, rng=None, z=None):
     data, parts = _prepare(y, model, "simulation_smoother")
     m, p, n = model.m, model.m + model.N, data.n
     if z is None:
-        z = _generator(seed, rng).standard_normal((_count(ndraws, "simulation_smoother"), p, n + 1))
+        z = generator(seed, rng, "simulation_smoother").standard_normal((_count(ndraws, "simulation_smoother"), p, n + 1))
     z = np.ascontiguousarray(z, dtype=float)
     if z.ndim != 3 or z.shape[1:] != (p, n + 1):
         raise ModelError(f"simulation_smoother: z must be ndraws x {p} x {n + 1}")
@@ -259,7 +258,7 @@ def simulate(model, n, ndraws=1, seed=None, rng=None, z=None):
     n = _count(n, "simulate", "n")
     m, p = model.m, model.m + model.N
     if z is None:
-        z = _generator(seed, rng).standard_normal((_count(ndraws, "simulate"), p, n + 1))
+        z = generator(seed, rng, "simulate").standard_normal((_count(ndraws, "simulate"), p, n + 1))
     z = np.ascontiguousarray(z, dtype=float)
     if z.ndim != 3 or z.shape[1:] != (p, n + 1):
         raise ModelError(f"simulate: z must be ndraws x {p} x {n + 1}")
@@ -297,7 +296,7 @@ def bootstrap(y, model, nrep=1, seed=None, rng=None, src=None):
         pool = np.flatnonzero(obs.T.reshape(-1))
         if pool.size == 0:
             raise NumericalError("bootstrap: no observation after the diffuse period")
-        src = pool[_generator(seed, rng).integers(0, pool.size, (_count(nrep, "bootstrap", "nrep"), n * N))]
+        src = pool[generator(seed, rng, "bootstrap").integers(0, pool.size, (_count(nrep, "bootstrap", "nrep"), n * N))]
     lik, ok, reps, pool = _tessel.exact_bootstrap(parts, data.values, np.asarray(src, dtype=np.int32))
     _check(lik, "bootstrap")
     if not ok:
